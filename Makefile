@@ -1,0 +1,33 @@
+# The two commands of the README: `make demo` and `make test`.
+BUILD ?= build
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+
+.PHONY: all setup build build-asan demo test test-normal test-asan clean
+
+all: build
+
+setup:
+	@./scripts/setup.sh
+
+build: setup
+	cmake -S . -B $(BUILD)/normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD)/normal -j $(JOBS)
+
+build-asan: setup
+	cmake -S . -B $(BUILD)/asan -DCMAKE_BUILD_TYPE=Debug -DKELVO_SANITIZE=ON
+	cmake --build $(BUILD)/asan -j $(JOBS)
+
+demo: build
+	./demo/run_demo.sh $(BUILD)/normal
+
+test-normal: build
+	ctest --test-dir $(BUILD)/normal --output-on-failure -j $(JOBS)
+
+test-asan: build-asan
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+		ctest --test-dir $(BUILD)/asan --output-on-failure -j $(JOBS)
+
+test: test-normal test-asan
+
+clean:
+	rm -rf $(BUILD)

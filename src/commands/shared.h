@@ -1,0 +1,49 @@
+// Small helpers shared by the command files.
+#ifndef KELVO_COMMANDS_SHARED_H
+#define KELVO_COMMANDS_SHARED_H
+
+#include <cstdint>
+#include <cstring>
+
+#include "channel.h"
+#include "storage_setting.h"
+
+// Record types, walked in this order by every command.
+const int kRecordTypeNormal = 4;
+const int kRecordTypeAlarm = 1;
+
+inline const char* record_type_label(uint32_t record_type) {
+    return record_type == 4 ? "NR" : "AR";
+}
+
+// A sid of 32 '9' characters marks a slot without a channel.
+inline bool is_empty_slot(const char sid[32]) {
+    for (int i = 0; i < 32; ++i)
+        if (sid[i] != '9') return false;
+    return true;
+}
+
+// Whether a settings entry is selected by a channel argument (-1: all).
+inline bool channel_selected(int channel_id, uint32_t entry_channel_id) {
+    return channel_id == -1 || static_cast<uint32_t>(channel_id) == entry_channel_id;
+}
+
+inline channel_sid make_channel_sid(uint32_t channel_id, const char sid[32]) {
+    channel_sid channel;
+    channel.channel_id = channel_id;
+    std::memcpy(channel.sid, sid, sizeof(channel.sid));
+    return channel;
+}
+
+inline bool same_uuid(const ornsid& a, const ornsid& b) {
+    return std::memcmp(a.uuid, b.uuid, sizeof(a.uuid)) == 0;
+}
+
+// Use percentage in single precision, as every report shows it.
+inline double use_percent(int64_t used_mb, int64_t total_mb) {
+    float used = static_cast<float>(used_mb);
+    float total = static_cast<float>(total_mb);
+    return static_cast<double>(used * 100.0f / total);
+}
+
+#endif

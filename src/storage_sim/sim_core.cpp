@@ -1,0 +1,259 @@
+// Connection, statement cache, call log, faults and field copies shared by
+// every operation of the stand-in library.
+#include <limits.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <map>
+
+#include "log.h"
+#include "sim.h"
+
+namespace sim {
+namespace {
+
+sqlite3* g_db = nullptr;
+bool g_tried_open = false;
+bool g_trace = false;
+
+std::map<std::string, sqlite3_stmt*>& statement_cache() {
+    static std::map<std::string, sqlite3_stmt*> cache;
+    return cache;
+}
+
+// Relative paths are taken from the working directory at the time of the
+// call, so resolve them before anything changes it.
+std::string absolute_path(const char* path) {
+    if (path == nullptr || *path == '\0' || *path == '/') return path ? path : "";
+    char cwd[PATH_MAX];
+    if (getcwd(cwd, sizeof(cwd)) == nullptr) return path;
+    std::string result = cwd;
+    if (result.empty() || result.back() != '/') result += '/';
+    return result + path;
+}
+
+std::string resolve_log_file() { return absolute_path(getenv("ORN_LOG_FILE")); }
+
+const std::string g_log_file = resolve_log_file();
+
+const char* const kTables[] = {"spaces",  "volumes",         "channels", "periods",
+                               "profiles", "volume_channels", "faults",   "settings",
+                               "call_log"};
+
+bool has_schema(sqlite3* handle) {
+    for (const char* table : kTables) {
+        sqlite3_stmt* stmt = nullptr;
+        if (sqlite3_prepare_v2(handle,
+                               "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?1",
+                               -1, &stmt, nullptr) != SQLITE_OK) {
+            sqlite3_finalize(stmt);
+            return false;
+        }
+        sqlite3_bind_text(stmt, 1, table, -1, SQLITE_STATIC);
+        bool found = sqlite3_step(stmt) == SQLITE_ROW;
+        sqlite3_finalize(stmt);
+        if (!found) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+sqlite3* db() { return g_db; }
+
+const std::string& log_file_path() { return g_log_file; }
+
+bool open_db() {
+    if (g_db != nullptr) return true;
+    if (g_tried_open) return false;
+    g_tried_open = true;
+    const char* env = getenv("ORN_STORAGE_DB");
+    std::string path = absolute_path(env ? env : "/var/lib/ornstorage/storage.db");
+    sqlite3* handle = nullptr;
+    if (sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+        sqlite3_close(handle);
+        return false;
+    }
+    sqlite3_busy_timeout(handle, 5000);
+    if (!has_schema(handle)) {
+        sqlite3_close(handle);
+        return false;
+    }
+    g_db = handle;
+    Stmt trace("SELECT value FROM settings WHERE key = 'trace'");
+    g_trace = trace.step() && trace.int64(0) == 1;
+    return true;
+}
+
+Stmt::Stmt(const char* sql) : stmt_(nullptr) {
+    if (g_db == nullptr) return;
+    auto& cache = statement_cache();
+    auto found = cache.find(sql);
+    if (found != cache.end()) {
+        stmt_ = found->second;
+        return;
+    }
+    if (sqlite3_prepare_v2(g_db, sql, -1, &stmt_, nullptr) != SQLITE_OK) {
+        sqlite3_finalize(stmt_);
+        stmt_ = nullptr;
+        return;
+    }
+    cache.emplace(sql, stmt_);
+}
+
+Stmt::~Stmt() {
+    if (stmt_ == nullptr) return;
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+}
+
+Stmt& Stmt::bind(int index, long long value) {
+    if (stmt_) sqlite3_bind_int64(stmt_, index, value);
+    return *this;
+}
+
+Stmt& Stmt::bind(int index, const std::string& text) {
+    if (stmt_)
+        sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()),
+                          SQLITE_TRANSIENT);
+    return *this;
+}
+
+Stmt& Stmt::bind_blob(int index, const void* data, int size) {
+    if (stmt_) sqlite3_bind_blob(stmt_, index, data, size, SQLITE_TRANSIENT);
+    return *this;
+}
+
+bool Stmt::step() { return stmt_ != nullptr && sqlite3_step(stmt_) == SQLITE_ROW; }
+
+long long Stmt::int64(int col) const { return sqlite3_column_int64(stmt_, col); }
+
+const unsigned char* Stmt::bytes(int col, int* size) const {
+    if (sqlite3_column_type(stmt_, col) == SQLITE_NULL) {
+        *size = 0;
+        return nullptr;
+    }
+    // Blob access keeps embedded zero bytes of TEXT values as they are.
+    const void* data = sqlite3_column_blob(stmt_, col);
+    *size = sqlite3_column_bytes(stmt_, col);
+    return static_cast<const unsigned char*>(data);
+}
+
+bool Stmt::is_null(int col) const { return sqlite3_column_type(stmt_, col) == SQLITE_NULL; }
+
+Arg arg(const char* key, long long value) { return Arg{key, Arg::Int, value, {}, {}}; }
+Arg arg(const char* key, const std::string& text) { return Arg{key, Arg::Text, 0, text, {}}; }
+Arg arg(const char* key, const char* text) { return Arg{key, Arg::Text, 0, text, {}}; }
+Arg arg(const char* key, const std::vector<std::string>& texts) {
+    return Arg{key, Arg::TextArray, 0, {}, texts};
+}
+
+namespace {
+
+void write_log_row(const char* op, std::initializer_list<Arg> args, const long long* result) {
+    if (g_db == nullptr || !g_trace) return;
+    // The SQL depends only on the keys and array lengths, so it caches well.
+    std::string sql = "INSERT INTO call_log (op, args, result) VALUES (?1, json_object(";
+    int index = 2;
+    bool first = true;
+    for (const Arg& a : args) {
+        if (!first) sql += ", ";
+        first = false;
+        sql += "'";
+        sql += a.key;
+        sql += "', ";
+        if (a.kind == Arg::TextArray) {
+            sql += "json_array(";
+            for (size_t i = 0; i < a.texts.size(); ++i) {
+                if (i) sql += ", ";
+                sql += "?" + std::to_string(index++);
+            }
+            sql += ")";
+        } else {
+            sql += "?" + std::to_string(index++);
+        }
+    }
+    sql += "), ?" + std::to_string(index) + ")";
+    Stmt insert(sql.c_str());
+    insert.bind(1, std::string(op));
+    int bind_index = 2;
+    for (const Arg& a : args) {
+        if (a.kind == Arg::Int) {
+            insert.bind(bind_index++, a.number);
+        } else if (a.kind == Arg::Text) {
+            insert.bind(bind_index++, a.text);
+        } else {
+            for (const std::string& t : a.texts) insert.bind(bind_index++, t);
+        }
+    }
+    if (result) insert.bind(bind_index, *result);
+    insert.step();
+}
+
+}  // namespace
+
+void log_call(const char* op, std::initializer_list<Arg> args) {
+    write_log_row(op, args, nullptr);
+}
+
+void log_call(const char* op, std::initializer_list<Arg> args, long long result) {
+    write_log_row(op, args, &result);
+}
+
+bool fault(const char* op, const std::string& target, bool zero_meaningful, int* result) {
+    if (g_db == nullptr) return false;
+    Stmt query(
+        "SELECT result FROM faults WHERE op = ?1 AND (target = ?2 OR target = '*') "
+        "AND (?3 OR result <> 0) ORDER BY target = ?2 DESC, rowid LIMIT 1");
+    query.bind(1, std::string(op)).bind(2, target).bind(3, zero_meaningful ? 1 : 0);
+    if (!query.step()) return false;
+    *result = static_cast<int>(query.int64(0));
+    return true;
+}
+
+std::string field_text(const char* field, size_t width) {
+    size_t n = 0;
+    while (n < width && field[n] != '\0') ++n;
+    return std::string(field, n);
+}
+
+void copy_field(char* field, size_t width, const unsigned char* src, int size) {
+    std::memset(field, 0, width);
+    if (src == nullptr || size <= 0) return;
+    std::memcpy(field, src, std::min(width, static_cast<size_t>(size)));
+}
+
+void copy_uuid(ornsid& id, const unsigned char* src, int size) {
+    copy_field(id.uuid, sizeof(id.uuid), src, size);
+    id.zero[0] = id.zero[1] = 0;
+}
+
+std::string uuid_text(const ornsid& id) { return field_text(id.uuid, sizeof(id.uuid)); }
+
+std::string storage_id_bytes(const unsigned char* src, int size) {
+    std::string bytes(32, '\0');
+    if (src != nullptr && size > 0)
+        std::memcpy(&bytes[0], src, std::min(32, size));
+    return bytes;
+}
+
+}  // namespace sim
+
+void log_Debug(const char* format, ...) {
+    char message[4096];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(message, sizeof(message), format, args);
+    va_end(args);
+    sim::log_call("log_Debug", {sim::arg("message", message)});
+    const std::string& path = sim::log_file_path();
+    if (path.empty()) return;
+    FILE* file = fopen(path.c_str(), "a");
+    if (file == nullptr) return;
+    fprintf(file, "%s\n", message);
+    fclose(file);
+}

@@ -1,0 +1,111 @@
+// COrnStorage and the storage setting: spaces, volumes, channel settings and
+// the stored setting of one volume.
+#include <cstdint>
+
+#include "sim.h"
+
+namespace sim {
+
+const char* const kVolumeColumns =
+    "uuid, group_uuid, path, volume_no, volume_type, state, total_size_mb, used_size_mb, "
+    "label";
+
+void fill_volume(const Stmt& row, TVolumeInfo& volume) {
+    int size = 0;
+    const unsigned char* data = row.bytes(0, &size);
+    copy_uuid(volume.uuid, data, size);
+    TVolumeSetting& setting = volume.setting;
+    data = row.bytes(1, &size);
+    copy_uuid(setting.group_uuid, data, size);
+    data = row.bytes(2, &size);
+    copy_field(setting.config.path, sizeof(setting.config.path), data, size);
+    setting.config.volume_no = static_cast<int32_t>(row.int64(3));
+    setting.volume_type = static_cast<uint32_t>(row.int64(4));
+    setting.state = static_cast<int32_t>(row.int64(5));
+    setting.total_size_mb = row.int64(6);
+    setting.used_size_mb = row.int64(7);
+    data = row.bytes(8, &size);
+    copy_field(setting.label, sizeof(setting.label), data, size);
+}
+
+int StorageSetting::get_space_list(std::list<TSpaceInfo>& spaces) {
+    log_call("get_space_list", {}, 0);
+    Stmt rows(
+        "SELECT uuid, name, group_uuid, total_size_mb, used_size_mb, status, spare_status "
+        "FROM spaces ORDER BY rowid");
+    while (rows.step()) {
+        spaces.emplace_back();
+        TSpaceInfo& space = spaces.back();
+        int size = 0;
+        const unsigned char* data = rows.bytes(0, &size);
+        copy_uuid(space.uuid, data, size);
+        data = rows.bytes(1, &size);
+        copy_field(space.name, sizeof(space.name), data, size);
+        data = rows.bytes(2, &size);
+        copy_uuid(space.group_uuid, data, size);
+        space.total_size_mb = rows.int64(3);
+        space.used_size_mb = rows.int64(4);
+        space.status = static_cast<uint32_t>(rows.int64(5));
+        space.spare_status = static_cast<int32_t>(rows.int64(6));
+    }
+    return 0;
+}
+
+int StorageSetting::get_volume_list(std::list<TVolumeInfo>& volumes) {
+    log_call("get_volume_list", {}, 0);
+    static const std::string sql =
+        std::string("SELECT ") + kVolumeColumns + " FROM volumes ORDER BY rowid";
+    Stmt rows(sql.c_str());
+    while (rows.step()) {
+        volumes.emplace_back();
+        fill_volume(rows, volumes.back());
+    }
+    return 0;
+}
+
+int StorageSetting::get_channel_setting_list(std::list<TChannelStorageSetting>& settings,
+                                             int flag) {
+    log_call("get_channel_setting_list", {arg("flag", flag)}, 0);
+    Stmt rows("SELECT channel_id, sid FROM channels ORDER BY rowid");
+    while (rows.step()) {
+        settings.emplace_back();
+        TChannelStorageSetting& setting = settings.back();
+        setting.channel_id = static_cast<uint32_t>(rows.int64(0));
+        int size = 0;
+        const unsigned char* data = rows.bytes(1, &size);
+        copy_field(setting.sid, sizeof(setting.sid), data, size);
+    }
+    return 0;
+}
+
+}  // namespace sim
+
+COrnStorage::COrnStorage() { sim::log_call("COrnStorage", {}); }
+
+COrnStorage::~COrnStorage() { sim::log_call("~COrnStorage", {}); }
+
+void COrnStorage::create_storage_setting(IStorageSetting** setting) {
+    if (!sim::open_db()) return;
+    int result = 0;
+    bool failed = sim::fault("create_storage_setting", "*", false, &result);
+    sim::log_call("create_storage_setting", {});
+    if (failed) return;
+    *setting = new sim::StorageSetting();
+}
+
+void COrnStorage::destroy_storage_setting(IStorageSetting** setting) {
+    sim::log_call("destroy_storage_setting", {});
+    if (setting == nullptr || *setting == nullptr) return;
+    delete static_cast<sim::StorageSetting*>(*setting);
+    *setting = nullptr;
+}
+
+int COrnStorage::create_channel_configuration(channel_sid channel,
+                                              IChannelStorageConfiguration** config) {
+    return sim::create_channel_configuration(channel, config);
+}
+
+void COrnStorage::destroy_channel_configuration(int channel_id,
+                                                IChannelStorageConfiguration** config) {
+    sim::destroy_channel_configuration(channel_id, config);
+}
