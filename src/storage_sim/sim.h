@@ -110,6 +110,10 @@ public:
 extern const char* const kVolumeColumns;
 void fill_volume(const Stmt& row, TVolumeInfo& volume);
 
+// Fills a profile from a row of "SELECT <profile columns> FROM profiles".
+extern const char* const kProfileColumns;
+void fill_profile(const Stmt& row, TStoreIDProfile& profile);
+
 // Creates / destroys the channel storage configuration (statistics area).
 int create_channel_configuration(channel_sid channel, IChannelStorageConfiguration** config);
 void destroy_channel_configuration(int channel_id, IChannelStorageConfiguration** config);

@@ -28,6 +28,25 @@ void fill_volume(const Stmt& row, TVolumeInfo& volume) {
     copy_field(setting.label, sizeof(setting.label), data, size);
 }
 
+const char* const kProfileColumns =
+    "channel_id, sid, space_uuid, group_uuid, volume_uuid, storage_id";
+
+void fill_profile(const Stmt& row, TStoreIDProfile& profile) {
+    storage_location& location = profile.location;
+    location.owner_channel.channel_id = static_cast<uint32_t>(row.int64(0));
+    int size = 0;
+    const unsigned char* data = row.bytes(1, &size);
+    copy_field(location.owner_channel.sid, sizeof(location.owner_channel.sid), data, size);
+    data = row.bytes(2, &size);
+    copy_uuid(location.space_uuid, data, size);
+    data = row.bytes(3, &size);
+    copy_uuid(location.group_uuid, data, size);
+    data = row.bytes(4, &size);
+    copy_uuid(location.volume_uuid, data, size);
+    data = row.bytes(5, &size);
+    copy_field(profile.storage_id, sizeof(profile.storage_id), data, size);
+}
+
 int StorageSetting::get_space_list(std::list<TSpaceInfo>& spaces) {
     log_call("get_space_list", {}, 0);
     Stmt rows(
