@@ -31,3 +31,7 @@ test: test-normal test-asan
 
 clean:
 	rm -rf $(BUILD)
+
+.PHONY: package
+package: build
+	cd $(BUILD)/normal && cpack
