@@ -1,7 +1,80 @@
 // Channel-to-volume mapping: voluse and volchn.
+#include <cstdio>
+#include <cstring>
+#include <list>
+
 #include "commands.h"
 #include "shared.h"
 
-void cmd_voluse(IStorageSetting*, IPlugPlayService*, int) {}
+namespace {
 
-void cmd_volchn(IStorageSetting*, IPlugPlayService*, const char*) {}
+const int kChannelSlots = 32;
+
+// The name vollist shows: the path rest after "share/", else "VolName_<no>".
+void display_name(const TVolumeInfo& volume, char name[128]) {
+    const char* field = volume.setting.config.path;
+    char path[sizeof(volume.setting.config.path) + 1];
+    size_t n = strnlen(field, sizeof(volume.setting.config.path));
+    std::memcpy(path, field, n);
+    path[n] = '\0';
+    snprintf(name, 128, "VolName_%d", volume.setting.config.volume_no);
+    strip_share_prefix(path, name);
+}
+
+}  // namespace
+
+// The service answers which channels record on a volume; asking it about
+// every volume in turn gives the volume of each channel (the last one wins).
+void cmd_voluse(IStorageSetting* setting, IPlugPlayService* service, int channel_id) {
+    char table[kChannelSlots][128];
+    std::memset(table, 0, sizeof(table));
+
+    std::list<TVolumeInfo> volumes;
+    setting->get_volume_list(volumes);
+    TVolumeConfig config;
+    ornsid a, b;
+    std::list<channel_sid> channels;
+    for (const TVolumeInfo& volume : volumes) {
+        char name[128];
+        display_name(volume, name);
+        config.field_1092 = 0;
+        config.volume_no = volume.setting.config.volume_no;
+        channels.clear();
+        service->get_volume_channel_list(config, a, b, channels);
+        for (const channel_sid& channel : channels) {
+            // Ids beyond the table have no line to show them on.
+            if (channel.channel_id >= static_cast<uint32_t>(kChannelSlots)) continue;
+            std::memcpy(table[channel.channel_id], name, sizeof(name));
+        }
+    }
+
+    for (int i = 0; i < kChannelSlots; ++i) {
+        if (channel_id != -1 && channel_id != i) continue;
+        printf("ch%.2d volume=[%s]\n", i + 1, table[i]);
+        if (channel_id != -1) break;
+    }
+}
+
+void cmd_volchn(IStorageSetting* setting, IPlugPlayService* service, const char* volume_name) {
+    TVolumeConfig config;
+    ornsid a, b;
+    std::list<channel_sid> channels;
+    if (find_volume_no(setting, volume_name, config) != 0) {
+        printf("Cannot fine volume [%s]\n", volume_name);
+        return;
+    }
+    service->get_volume_channel_list(config, a, b, channels);
+    // std::list::sort is stable: equal ids keep the service's order.
+    channels.sort([](const channel_sid& x, const channel_sid& y) {
+        return x.channel_id < y.channel_id;
+    });
+    if (channels.empty()) {
+        printf("NO channel using volume [%s]\n", volume_name);
+        return;
+    }
+    int line = 0;
+    for (const channel_sid& channel : channels) {
+        ++line;
+        printf("[%02d] uses channel[%02d]\n", line, static_cast<int>(channel.channel_id + 1u));
+    }
+}

@@ -1,0 +1,3 @@
+show vollist Recording
+show voluse -1
+show volchn Rec1
