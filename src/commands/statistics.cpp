@@ -1,5 +1,129 @@
 // Recording statistics of a space: spaceinfo.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <list>
+
+#include "channel_config.h"
 #include "commands.h"
+#include "log.h"
 #include "shared.h"
 
-void cmd_spaceinfo(IStorageSetting*, const char*) {}
+namespace {
+
+const TSpaceInfo* find_space_by_name(const std::list<TSpaceInfo>& spaces, const char* name) {
+    for (const TSpaceInfo& space : spaces)
+        if (strncmp(space.name, name, sizeof(space.name)) == 0) return &space;
+    return nullptr;
+}
+
+// Sids read as texts: up to the first zero byte, at most 32 characters.
+bool same_sid(const char a[32], const char b[32]) { return strncmp(a, b, 32) == 0; }
+
+// Prints every storage id of the channel's profiles, in list order, and
+// collects them into |ids|.
+void collect_storage_ids(const std::list<TStoreIDProfile>& profiles, const channel_sid& channel,
+                         std::list<TStorageId>& ids) {
+    for (const TStoreIDProfile& profile : profiles) {
+        if (!same_sid(profile.location.owner_channel.sid, channel.sid)) continue;
+        TStorageId id;
+        std::memcpy(id.storage_id, profile.storage_id, sizeof(id.storage_id));
+        ids.push_back(id);
+        printf("    storage_id: %.32s\n", profile.storage_id);
+    }
+}
+
+// Prints the days of one record type and frees what the library handed out.
+void print_recording_days(IChannelStorageConfiguration* config, int record_type,
+                          const std::list<TStorageId>& ids) {
+    TRecordDayList days;
+    days.day_count = 0;
+    days.days = nullptr;
+    // The parameter is a fresh copy of |ids|, gone when the call returns.
+    config->get_recording_days(record_type, 255, ids, &days);
+    printf(record_type == kRecordTypeNormal ? "    Normal total days: %d\n"
+                                            : "    Alarm total days: %d\n",
+           days.day_count);
+    if (days.days == nullptr) return;
+    for (int i = 0; i < days.day_count; ++i)
+        printf("        day[%d] = %s\n", i, days.days[i] ? days.days[i] : "");
+    for (int i = 0; i < days.day_count; ++i) free(days.days[i]);
+    free(days.days);
+}
+
+// Sizes wrap like the library's 64-bit counters instead of overflowing.
+int64_t add_mb(int64_t a, int64_t b) {
+    return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
+}
+
+}  // namespace
+
+void cmd_spaceinfo(IStorageSetting* setting, const char* space_name) {
+    std::list<TSpaceInfo> spaces;
+    setting->get_space_list(spaces);
+    if (spaces.empty()) {
+        printf("no space [%s] info\n", space_name);
+        return;
+    }
+    const TSpaceInfo* space = find_space_by_name(spaces, space_name);
+    if (space == nullptr) {
+        printf("\n");
+        printf("no space [%s] info\n", space_name);
+        return;
+    }
+    printf("Space: %s uuid: [%.36s]\n", space_name, space->uuid.uuid);
+    printf("\n");
+    const ornsid space_id(space->uuid.uuid);
+
+    std::list<TStoreIDProfile> profiles;
+    setting->get_storage_id_profile_list(space_id, profiles);
+
+    // Declared before the storage object so that it is released first.
+    std::list<TStorageId> ids;
+    COrnStorage storage;
+    IChannelStorageConfiguration* config = nullptr;
+    int64_t total = 0;
+    channel_sid current;
+    std::memset(current.sid, '0', sizeof(current.sid));
+
+    for (const TStoreIDProfile& profile : profiles) {
+        ids.clear();
+        long long normal_mb = 0, alarm_mb = 0, all_mb = 0;
+        const channel_sid& owner = profile.location.owner_channel;
+        if (same_sid(owner.sid, current.sid)) continue;
+        current = make_channel_sid(owner.channel_id, owner.sid);
+        printf("channel: %.32s\n", current.sid);
+        collect_storage_ids(profiles, current, ids);
+
+        config = nullptr;
+        int ret = storage.create_channel_configuration(current, &config);
+        if (ret != 0) {
+            printf("Error TTimeLineInfo call create_channel_configuration ret=%d\n", ret);
+            log_Debug("Error TTimeLineInfo call create_channel_configuration ret=%d", ret);
+            return;
+        }
+        if (config == nullptr) {
+            printf("storage_channel.create_channel_session fail!!\n");
+            return;
+        }
+        print_recording_days(config, kRecordTypeNormal, ids);
+        print_recording_days(config, kRecordTypeAlarm, ids);
+        storage.destroy_channel_configuration(static_cast<int>(current.channel_id), &config);
+
+        setting->get_recording_size(space_id, current, kRecordTypeNormal, &normal_mb);
+        setting->get_recording_size(space_id, current, kRecordTypeAlarm, &alarm_mb);
+        setting->get_total_recording_size(space_id, current, &all_mb);
+        printf("    Normal recording size: %lld(MB)\n", normal_mb);
+        printf("    Alarm recording size: %lld(MB)\n", alarm_mb);
+        printf("    All recording size: %lld(MB)\n", all_mb);
+        printf("\n");
+        total = add_mb(total, all_mb);
+    }
+
+    // The GB figure is computed in single precision on purpose.
+    float total_gb = static_cast<float>(total) * 0.0009765625f;
+    printf("Total recording size: %lld(MB)  %.2f(GB)", static_cast<long long>(total),
+           static_cast<double>(total_gb));
+    printf("\n");
+}

@@ -1,0 +1,1 @@
+show spaceinfo Recording
