@@ -10,17 +10,6 @@ namespace {
 
 const int kChannelSlots = 32;
 
-// The name vollist shows: the path rest after "share/", else "VolName_<no>".
-void display_name(const TVolumeInfo& volume, char name[128]) {
-    const char* field = volume.setting.config.path;
-    char path[sizeof(volume.setting.config.path) + 1];
-    size_t n = strnlen(field, sizeof(volume.setting.config.path));
-    std::memcpy(path, field, n);
-    path[n] = '\0';
-    snprintf(name, 128, "VolName_%d", volume.setting.config.volume_no);
-    strip_share_prefix(path, name);
-}
-
 }  // namespace
 
 // The service answers which channels record on a volume; asking it about
@@ -36,7 +25,7 @@ void cmd_voluse(IStorageSetting* setting, IPlugPlayService* service, int channel
     std::list<channel_sid> channels;
     for (const TVolumeInfo& volume : volumes) {
         char name[128];
-        display_name(volume, name);
+        volume_display_name(volume, name);
         config.field_1092 = 0;
         config.volume_no = volume.setting.config.volume_no;
         channels.clear();

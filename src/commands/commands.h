@@ -18,6 +18,8 @@ void volume_state_text(int32_t state, char out[20]);
 // Copies the rest of |path| after its first "share/" into |name| (128
 // bytes, cut to 127 characters); leaves |name| untouched without "share/".
 void strip_share_prefix(const char* path, char name[128]);
+// The name vollist shows: the path rest after "share/", else "VolName_<no>".
+void volume_display_name(const TVolumeInfo& volume, char name[128]);
 int find_volume_uuid(IStorageSetting* setting, const char* volume_name, char uuid[36]);
 int find_volume_no(IStorageSetting* setting, const char* volume_name, TVolumeConfig& config);
 

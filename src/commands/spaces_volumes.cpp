@@ -86,13 +86,6 @@ void copy_path(const TVolumeInfo& volume, char path[1025]) {
     path[n] = '\0';
 }
 
-// The name vollist shows: the path rest after "share/", else "VolName_<no>".
-void display_name(const TVolumeInfo& volume, char name[128]) {
-    char path[1025];
-    copy_path(volume, path);
-    snprintf(name, 128, "VolName_%d", volume.setting.config.volume_no);
-    strip_share_prefix(path, name);
-}
 
 // The first volume whose path rest after "share/" is |volume_name|; volumes
 // without "share/" have no name and never match.
@@ -163,7 +156,7 @@ void cmd_vollist(IStorageSetting* setting, const char* space_name) {
         if (!same_uuid(v.group_uuid, group)) continue;
         ++count;
         char name[128];
-        display_name(volume, name);
+        volume_display_name(volume, name);
         char state[20];
         volume_state_text(v.state, state);
         printf("[%02d] [%s], [%s] [%s], total size %lld GB, used %lld MB, use %2.2f%%\n", count,
@@ -172,6 +165,13 @@ void cmd_vollist(IStorageSetting* setting, const char* space_name) {
                static_cast<long long>(v.used_size_mb), use_percent(v.used_size_mb, v.total_size_mb));
     }
     if (count == 0) printf("no find volume at space [%s]\n", space_name);
+}
+
+void volume_display_name(const TVolumeInfo& volume, char name[128]) {
+    char path[1025];
+    copy_path(volume, path);
+    snprintf(name, 128, "VolName_%d", volume.setting.config.volume_no);
+    strip_share_prefix(path, name);
 }
 
 int find_volume_uuid(IStorageSetting* setting, const char* volume_name, char uuid[36]) {
