@@ -83,6 +83,20 @@ TEST(FrontEnd, VolsetValuesParseLikeStrtol) {
     EXPECT_EQ(r.status, 0);
 }
 
+TEST(FrontEnd, NameArgumentsKeepTheirFirst511Characters) {
+    SimServer server;
+    const std::string name511(511, 'a');
+    server.add_space({kt::uuid(1), name511, kt::uuid(101), 1024, 0, 0, 0});
+    // A longer argument is cut and then matches the space of 511 characters.
+    RunResult r = server.run({"vollist", name511 + "bcd"});
+    EXPECT_EQ(r.out.substr(0, 7 + 511 + 1), "Space: " + name511 + "\n");
+    EXPECT_EQ(r.err, "");
+    // A name of 600 other characters is echoed cut to 511.
+    const std::string other(600, 'z');
+    expect_output(server.run({"spaceinfo", other}),
+                  "\nno space [" + std::string(511, 'z') + "] info\n");
+}
+
 TEST(FrontEnd, MissingOrBrokenDatabaseFailsEveryWord) {
     SimServer server;
     const std::string failure = "Query storage settings faiure.\n";
