@@ -1,6 +1,10 @@
 // Channel sessions and the free functions on periods, profiles and hour
 // folders.
+#include <time.h>
+
 #include <cstdint>
+#include <cstdio>
+#include <ctime>
 #include <string>
 
 #include "sim.h"
@@ -87,16 +91,66 @@ int COrnChannel::destroy_channel_session(IFrameChannelSession** session) {
     return 0;
 }
 
-int retrieve_storage_id_profile_list(channel_sid, std::list<TStoreIDProfile>& profiles) {
-    profiles.clear();  // built with the storage-id commands
-    return -1;
+int retrieve_storage_id_profile_list(channel_sid channel, std::list<TStoreIDProfile>& profiles) {
+    profiles.clear();
+    int result = 0;
+    bool failed = sim::fault("retrieve_storage_id_profile_list",
+                             std::to_string(channel.channel_id), true, &result);
+    sim::log_call("retrieve_storage_id_profile_list",
+                  {sim::arg("channel_id", static_cast<long long>(channel.channel_id))},
+                  failed ? result : 0);
+    if (failed) return result;
+    static const std::string sql = std::string("SELECT ") + sim::kProfileColumns +
+                                   " FROM profiles WHERE channel_id = ?1 ORDER BY rowid";
+    sim::Stmt rows(sql.c_str());
+    rows.bind(1, static_cast<long long>(channel.channel_id));
+    while (rows.step()) {
+        profiles.emplace_back();
+        sim::fill_profile(rows, profiles.back());
+    }
+    return 0;
 }
 
-int update_time_period(channel_sid, char*, char*) {
-    return -1;  // built with the storage-id commands
+int update_time_period(channel_sid channel, char* period_key, char* storage_id) {
+    // The key lives in a 64-byte record field and the id in a 32-byte one.
+    std::string key = sim::field_text(period_key, sizeof(time_period::period_key));
+    int result = 0;
+    bool failed = sim::fault("update_time_period", key, true, &result);
+    if (!failed) {
+        int before = sqlite3_total_changes(sim::db());
+        sim::Stmt update(
+            "UPDATE periods SET storage_id = ?1 WHERE period_key = ?2 AND channel_id = ?3");
+        update.bind_blob(1, storage_id, 32)
+            .bind(2, key)
+            .bind(3, static_cast<long long>(channel.channel_id));
+        update.step();
+        result = sqlite3_total_changes(sim::db()) > before ? 0 : -1;
+    }
+    sim::log_call("update_time_period",
+                  {sim::arg("channel_id", static_cast<long long>(channel.channel_id)),
+                   sim::arg("period_key", key),
+                   sim::arg("storage_id", sim::field_text(storage_id, 32))},
+                  result);
+    return result;
 }
 
-int make_hour_folder_full_path(char* out, const char*, stream_info, long long) {
-    out[0] = '\0';  // built with the storage-id commands
-    return -1;
+int make_hour_folder_full_path(char* out, const char* fsu_folder, stream_info info,
+                               long long time_ms) {
+    const size_t kOutSize = 512;
+    long long seconds = time_ms / 1000;
+    if (time_ms % 1000 < 0) --seconds;  // floor division
+    time_t t = static_cast<time_t>(seconds);
+    struct tm local;
+    if (localtime_r(&t, &local) == nullptr) {
+        out[0] = '\0';
+        return -1;
+    }
+    int n = snprintf(out, kOutSize, "%s/%.32s/%u/%u/%04lld%02d%02d/%02d", fsu_folder, info.sid,
+                     info.record_type, info.stream, static_cast<long long>(local.tm_year) + 1900,
+                     local.tm_mon + 1, local.tm_mday, local.tm_hour);
+    if (n < 0 || static_cast<size_t>(n) >= kOutSize) {
+        out[0] = '\0';
+        return -1;
+    }
+    return 0;
 }
