@@ -1,7 +1,248 @@
 // Recycling: volclean, autoclean, the recycle bound and volume usage.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <list>
+#include <memory>
+
 #include "commands.h"
+#include "recycle.h"
 #include "shared.h"
 
-void cmd_volclean(IStorageSetting*, int) {}
+namespace {
 
-void cmd_autoclean(IStorageSetting*) {}
+// Recycling looks back this far from the present time.
+const int64_t kRecycleWindowSeconds = 2592000;  // 30 days
+const uint32_t kStreamCount = 5;                // streams 0 to 4
+const uint32_t kPassCount = 2;                  // pass 0 normal, pass 1 alarm
+
+uint32_t pass_record_type(uint32_t pass) {
+    return pass == 0 ? kRecordTypeNormal : kRecordTypeAlarm;
+}
+
+int64_t now_ms() { return static_cast<int64_t>(time(nullptr)) * 1000; }
+
+int64_t recycle_range_start_ms() {
+    return (static_cast<int64_t>(time(nullptr)) - kRecycleWindowSeconds) * 1000;
+}
+
+bool skip_channel(const TChannelStorageSetting& entry, int channel_id) {
+    return is_empty_slot(entry.sid) || !channel_selected(channel_id, entry.channel_id);
+}
+
+stream_info make_stream_info(const TChannelStorageSetting& entry) {
+    stream_info info;
+    info.channel_id = entry.channel_id;
+    std::memcpy(info.sid, entry.sid, sizeof(info.sid));
+    return info;
+}
+
+// One piece of work on a fresh engine: init, recycle only when bound,
+// uninit and destruction whatever init returned.
+template <typename Engine>
+void recycle_with_engine(const ornsid& target, stream_info info, int64_t from_ms,
+                         int64_t bound_ms, const char* init_failure) {
+    std::unique_ptr<Engine> engine(new Engine());
+    if (engine->init(ornsid(target.uuid)) != 0)
+        printf("%s", init_failure);
+    else
+        engine->recycle_channel_data(info, from_ms, bound_ms);
+    engine->uninit();
+}
+
+// The volume's path as a terminated text, whatever its field holds.
+struct VolumePath {
+    char text[sizeof(TVolumeConfig::path) + 1];
+    explicit VolumePath(const TVolumeInfo& volume) {
+        const char* field = volume.setting.config.path;
+        size_t n = strnlen(field, sizeof(TVolumeConfig::path));
+        std::memcpy(text, field, n);
+        text[n] = '\0';
+    }
+};
+
+// Writes "du " and |folder| quoted for the shell into |command|, so that the
+// folder reaches du as one argument whatever it contains. False when it does
+// not fit.
+bool compose_du_command(const char* folder, char* command, size_t size) {
+    size_t n = 0;
+    auto put = [&](const char* text) {
+        size_t len = std::strlen(text);
+        if (n + len >= size) return false;
+        std::memcpy(command + n, text, len);
+        n += len;
+        return true;
+    };
+    if (!put("du '")) return false;
+    for (const char* c = folder; *c != '\0'; ++c) {
+        char one[2] = {*c, '\0'};
+        if (!put(*c == '\'' ? "'\\''" : one)) return false;
+    }
+    if (!put("'")) return false;
+    command[n] = '\0';
+    return true;
+}
+
+void print_missing_volume(const VolumePath& path) {
+    printf("Volume [%s] path does not exist\n", path.text);
+}
+
+}  // namespace
+
+int compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
+                          const int64_t& from_ms, int64_t& bound_ms) {
+    COrnChannel factory;
+    IFrameChannelSession* session = nullptr;
+    factory.create_channel_session(make_channel_sid(channel.channel_id, channel.sid), &session);
+    if (session == nullptr) return -1;
+
+    std::list<time_period> periods;
+    session->query_time_periods(alarm == 0 ? kRecordTypeNormal : kRecordTypeAlarm,
+                                static_cast<int>(stream), from_ms, now_ms(), periods, 0, 1, 1);
+    factory.destroy_channel_session(&session);
+
+    if (periods.empty()) {
+        bound_ms = now_ms();
+        return 1;
+    }
+    int64_t earliest = periods.front().start_ms;
+    for (const time_period& period : periods)
+        if (period.start_ms < earliest) earliest = period.start_ms;
+    // The oldest possible start leaves nothing before it to recycle.
+    bound_ms = earliest == INT64_MIN ? earliest : earliest - 1;
+    return 0;
+}
+
+void cmd_volclean(IStorageSetting* setting, int channel_id) {
+    std::list<TSpaceInfo> spaces;
+    std::list<TChannelStorageSetting> channels;
+    setting->get_space_list(spaces);
+    setting->get_channel_setting_list(channels, 1);
+    if (spaces.empty() || channels.empty()) {
+        printf("No space or channel found.\n");
+        return;
+    }
+    const int64_t from_ms = recycle_range_start_ms();
+
+    for (const TChannelStorageSetting& entry : channels) {
+        if (skip_channel(entry, channel_id)) continue;
+        printf("Recycle --ch%02d-- data ...\n", static_cast<int>(entry.channel_id + 1));
+        stream_info info = make_stream_info(entry);
+        for (uint32_t pass = 0; pass < kPassCount; ++pass) {
+            for (uint32_t stream = 0; stream < kStreamCount; ++stream) {
+                int64_t bound_ms = 0;
+                int r = compute_recycle_bound(make_channel_sid(entry.channel_id, entry.sid),
+                                              pass, stream, from_ms, bound_ms);
+                if (r == -1) continue;
+                info.stream = stream;
+                info.record_type = pass_record_type(pass);
+                for (const TSpaceInfo& space : spaces)
+                    recycle_with_engine<CFSTier>(space.uuid, info, from_ms, bound_ms,
+                                                 "Initial Tier to process failure.\n");
+                printf("\t[%s S%02d] %s\n", record_type_label(info.record_type),
+                       static_cast<int>(stream),
+                       r == 0 ? "Success." : "Can not find time period.");
+            }
+        }
+    }
+    printf("Recycle process done.\n");
+}
+
+void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id) {
+    std::list<TChannelStorageSetting> channels;
+    setting->get_channel_setting_list(channels, 1);
+    if (channels.empty()) {
+        printf("No channel settings found.\n");
+        return;
+    }
+    const int64_t from_ms = recycle_range_start_ms();
+
+    for (const TChannelStorageSetting& entry : channels) {
+        if (skip_channel(entry, channel_id)) continue;
+        stream_info info = make_stream_info(entry);
+        for (uint32_t pass = 0; pass < kPassCount; ++pass) {
+            for (uint32_t stream = 0; stream < kStreamCount; ++stream) {
+                int64_t bound_ms = 0;
+                if (compute_recycle_bound(make_channel_sid(entry.channel_id, entry.sid), pass,
+                                          stream, from_ms, bound_ms) != 0)
+                    continue;
+                info.stream = stream;
+                info.record_type = pass_record_type(pass);
+                recycle_with_engine<CFSUnit>(volume.uuid, info, from_ms, bound_ms,
+                                             "Initial Unit to process failure.\n");
+            }
+        }
+    }
+}
+
+int measure_volume_usage(const TVolumeInfo& volume, int64_t& preallocate_remain_mb,
+                         int64_t& used_size_mb) {
+    const VolumePath path(volume);
+    // Neither buffer may hold a cut path: a path that does not fit is
+    // reported like one that cannot be entered.
+    char folder[256];
+    int n = snprintf(folder, sizeof(folder), "%s/FSU_%.32s/preallocate", path.text,
+                     volume.uuid.uuid + 4);
+    if (n < 0 || static_cast<size_t>(n) >= sizeof(folder) || chdir(folder) != 0) {
+        print_missing_volume(path);
+        return -1;
+    }
+    char command[256];
+    if (!compose_du_command(folder, command, sizeof(command))) {
+        print_missing_volume(path);
+        return -1;
+    }
+    FILE* du = popen(command, "r");
+    if (du == nullptr) {
+        printf("Can not get preallocate remain size info.\n");
+        return -1;
+    }
+    char line[128];
+    if (fgets(line, 127, du) != nullptr) {
+        long long size_kb = strtoll(line, nullptr, 10);
+        preallocate_remain_mb = size_kb / 1024;
+    }
+    pclose(du);
+    used_size_mb = volume.setting.used_size_mb;
+    return 0;
+}
+
+void cmd_autoclean(IStorageSetting* setting) {
+    std::list<TVolumeInfo> volumes;
+    setting->get_volume_list(volumes);
+    if (volumes.empty()) {
+        printf("no volume found\n");
+        printf("recycle check process done.\n");
+        return;
+    }
+    int leak_count = 0;
+    for (const TVolumeInfo& volume : volumes) {
+        const int64_t total = volume.setting.total_size_mb;
+        int64_t preallocate_remain = total;
+        int64_t used = 0;
+        if (measure_volume_usage(volume, preallocate_remain, used) != 0) continue;
+        // Wraps like the two's-complement arithmetic of the sizes instead of
+        // overflowing on absurd figures.
+        const int64_t lost = static_cast<int64_t>(static_cast<uint64_t>(total) -
+                                                  static_cast<uint64_t>(preallocate_remain) -
+                                                  static_cast<uint64_t>(used));
+        if (!(static_cast<double>(lost) > static_cast<double>(total) * 0.05)) continue;
+
+        char name[128];
+        volume_display_name(volume, name);
+        printf("Volume [%s] total size %lld GB(%lld MB), used %lld MB(preallocate_remain %lld "
+               "MB).\n",
+               name, static_cast<long long>(total / 1024), static_cast<long long>(total),
+               static_cast<long long>(used), static_cast<long long>(preallocate_remain));
+        printf("Size lost %lld MB over %lld MB(%%5) is not resonable. Start to recycle volume "
+               "using space ...\n",
+               static_cast<long long>(lost), static_cast<long long>(total / 20));
+        recycle_unit(setting, volume, -1);
+        ++leak_count;
+    }
+    printf("Volume space leak detected count: %d\n", leak_count);
+    printf("recycle check process done.\n");
+}
