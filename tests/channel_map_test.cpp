@@ -9,6 +9,8 @@
 
 namespace {
 
+using kt::expect_output;
+
 using kt::RunResult;
 using kt::SimServer;
 
@@ -19,12 +21,6 @@ kt::Volume volume(int n, const std::string& path, long long volume_no) {
     v.path = path;
     v.volume_no = volume_no;
     return v;
-}
-
-void expect_output(const RunResult& r, const std::string& out) {
-    EXPECT_EQ(r.out, out);
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.status, 0);
 }
 
 const std::string kLongName(200, 'L');

@@ -8,15 +8,11 @@
 
 namespace {
 
+using kt::expect_output;
+
 using kt::kUsageText;
 using kt::RunResult;
 using kt::SimServer;
-
-void expect_output(const RunResult& r, const std::string& out) {
-    EXPECT_EQ(r.out, out);
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.status, 0);
-}
 
 // A server with one space, so that commands that run print something.
 void add_one_space(SimServer& server) {

@@ -19,6 +19,8 @@
 
 namespace {
 
+using kt::expect_output;
+
 using kt::RunResult;
 using kt::SimServer;
 
@@ -29,12 +31,6 @@ long long at(int month, int day, int hour, int minute = 0) {
     return kt::local_ms(2024, month, day, hour, minute);
 }
 long long now_s() { return at(3, 15, 12) / 1000; }
-
-void expect_output(const RunResult& r, const std::string& out) {
-    EXPECT_EQ(r.out, out);
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.status, 0);
-}
 
 // Writes a file of |mib| MiB of allocated blocks.
 void make_file(const std::string& path, long long mib) {

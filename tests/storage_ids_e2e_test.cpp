@@ -9,13 +9,9 @@
 
 namespace {
 
-using kt::SimServer;
+using kt::expect_output;
 
-void expect_output(const kt::RunResult& r, const std::string& out) {
-    EXPECT_EQ(r.out, out);
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.status, 0);
-}
+using kt::SimServer;
 
 const long long kMinute = 60 * 1000;
 const long long kHour = 60 * kMinute;

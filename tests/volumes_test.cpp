@@ -11,6 +11,8 @@
 
 namespace {
 
+using kt::expect_output;
+
 using kt::RunResult;
 using kt::SimServer;
 
@@ -28,12 +30,6 @@ kt::Volume volume(int n, int group, const std::string& path, long long volume_no
     v.used_size_mb = used_mb;
     v.label = label;
     return v;
-}
-
-void expect_output(const RunResult& r, const std::string& out) {
-    EXPECT_EQ(r.out, out);
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.status, 0);
 }
 
 const char* const kRecHeader =

@@ -1,12 +1,14 @@
 #include "sim_server.h"
 
 #include <fcntl.h>
+#include <ftw.h>
 #include <poll.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -280,6 +282,50 @@ bool SimServer::exists(const std::string& p) const {
     return stat(path(p).c_str(), &st) == 0;
 }
 
+std::string SimServer::dump_tables() {
+    std::string out;
+    std::string tables = query(
+        "SELECT name FROM sqlite_master WHERE type = 'table' "
+        "AND name NOT IN ('call_log', 'sqlite_sequence') ORDER BY name");
+    std::istringstream names(tables);
+    std::string table;
+    while (std::getline(names, table)) {
+        std::string columns = query("SELECT name FROM pragma_table_info('" + table + "')");
+        std::istringstream list(columns);
+        std::string column, select = "SELECT rowid";
+        while (std::getline(list, column))
+            select += ", typeof(" + column + ") || ':' || hex(" + column + ")";
+        out += "== " + table + "\n" + query(select + " FROM " + table + " ORDER BY rowid");
+    }
+    return out;
+}
+
+namespace {
+
+std::vector<std::string>* g_tree = nullptr;
+size_t g_tree_prefix = 0;
+
+int add_tree_entry(const char* path, const struct stat*, int type, struct FTW*) {
+    std::string relative = std::string(path).substr(std::min(g_tree_prefix, strlen(path)));
+    if (relative.empty()) return 0;
+    if (relative.rfind("storage.db", 0) == 0) return 0;
+    if (type == FTW_D || type == FTW_DNR) relative += '/';
+    g_tree->push_back(relative);
+    return 0;
+}
+
+}  // namespace
+
+std::vector<std::string> SimServer::tree() const {
+    std::vector<std::string> entries;
+    g_tree = &entries;
+    g_tree_prefix = root_.size() + 1;
+    nftw(root_.c_str(), add_tree_entry, 16, FTW_PHYS);
+    g_tree = nullptr;
+    std::sort(entries.begin(), entries.end());
+    return entries;
+}
+
 RunResult SimServer::run(const std::vector<std::string>& args,
                          const std::vector<std::string>& extra_env) {
     std::vector<std::string> argv{KELVO_BINARY};
@@ -310,6 +356,12 @@ RunResult SimServer::run_at(long long epoch_seconds, const std::vector<std::stri
     env.push_back("FAKETIME_DONT_FAKE_MONOTONIC=1");
     env.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
     return run(args, env);
+}
+
+void expect_output(const RunResult& r, const std::string& out) {
+    EXPECT_EQ(r.out, out);
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.status, 0);
 }
 
 RunResult run_program(const std::vector<std::string>& argv, const std::vector<std::string>& env,

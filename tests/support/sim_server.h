@@ -127,6 +127,13 @@ public:
     void make_dir(const std::string& path);  // like mkdir -p; absolute or below root
     bool exists(const std::string& path) const;
 
+    // Every table but call_log, row by row with each value's type and bytes,
+    // for comparing the state before and after a run.
+    std::string dump_tables();
+    // Every path below the root, relative to it, folders with a trailing '/';
+    // the database and its journal are left out.
+    std::vector<std::string> tree() const;
+
     // Runs kelvo with ORN_STORAGE_DB and TZ set, in the root folder.
     RunResult run(const std::vector<std::string>& args,
                   const std::vector<std::string>& extra_env = {});
@@ -140,6 +147,9 @@ private:
     std::string tz_;
     void* db_;
 };
+
+// Standard output byte for byte, nothing on standard error, status 0.
+void expect_output(const RunResult& r, const std::string& out);
 
 // Runs any program with the given environment, capturing both outputs.
 RunResult run_program(const std::vector<std::string>& argv, const std::vector<std::string>& env,
