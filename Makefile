@@ -35,3 +35,20 @@ clean:
 .PHONY: package
 package: build
 	cd $(BUILD)/normal && cpack
+
+# Scale benchmark: wall time and peak memory of the commands at three sizes.
+.PHONY: bench fuzz
+bench: setup
+	cmake -S . -B $(BUILD)/bench -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELVO_TESTS=OFF
+	cmake --build $(BUILD)/bench -j $(JOBS) --target kelvo gen_server measure
+	./bench/run_bench.sh $(BUILD)/bench
+
+# The randomised hostile-data test on the sanitizer build, for FUZZ_SECONDS,
+# from the seed FUZZ_SEED on (the clock by default; a finding prints the seed
+# to replay it with).
+FUZZ_SECONDS ?= 600
+FUZZ_SEED ?= $(shell date +%s)
+fuzz: build-asan
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+		KELVO_FUZZ_SECONDS=$(FUZZ_SECONDS) KELVO_FUZZ_SEED=$(FUZZ_SEED) \
+		$(BUILD)/asan/tests/fuzz_test --gtest_filter='HostileData.*'
