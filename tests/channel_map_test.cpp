@@ -10,17 +10,10 @@
 namespace {
 
 using kt::expect_output;
-
-using kt::RunResult;
 using kt::SimServer;
 
 kt::Volume volume(int n, const std::string& path, long long volume_no) {
-    kt::Volume v;
-    v.uuid = kt::uuid(n);
-    v.group_uuid = kt::uuid(100);
-    v.path = path;
-    v.volume_no = volume_no;
-    return v;
+    return kt::volume_row(n, 100, path, volume_no);
 }
 
 const std::string kLongName(200, 'L');
@@ -89,40 +82,14 @@ TEST(Voluse, AsksAboutEveryVolumeAndReleasesTheServiceFirst) {
               "~COrnStorage {} NULL\n");
 }
 
-TEST(PlugPlay, ServiceThatCannotBeCreatedSkipsTheCommand) {
-    SimServer s;
-    add_mapped_volumes(s);
-    s.add_fault("create_plug_play_service", "*", -3);
-    s.enable_trace();
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"voluse", "-1"}, std::vector<std::string>{"volchn", "Rec1"}}) {
-        SCOPED_TRACE(args[0]);
-        s.exec("DELETE FROM call_log;");
-        expect_output(s.run(args), "Query plug and play service failure.\n");
-        EXPECT_EQ(s.call_log(),
-                  "create_storage_setting {} NULL\n"
-                  "create_plug_play_service {} -3\n"
-                  "destroy_storage_setting {} NULL\n"
-                  "~COrnStorageDaemon {} NULL\n"
-                  "~COrnStorage {} NULL\n");
-    }
-}
-
 TEST(Volchn, SortsByUnsignedChannelIdAndNumbersTheLines) {
     SimServer s;
     s.add_volume(volume(1, "share/Rec1", 1));
     for (long long ch : {5LL, 4294967295LL, 0LL, 2147483648LL, 3LL, 0LL}) s.add_volume_channel(1, ch);
-    s.add_volume_channel(2, 1);
-    s.enable_trace();
+    s.add_volume_channel(2, 1);  // another volume's
     expect_output(s.run({"volchn", "Rec1"}),
-                  "[01] uses channel[01]\n"
-                  "[02] uses channel[01]\n"
-                  "[03] uses channel[04]\n"
-                  "[04] uses channel[06]\n"
-                  "[05] uses channel[-2147483647]\n"
-                  "[06] uses channel[00]\n");
-    EXPECT_NE(s.call_log().find("get_volume_channel_list {\"volume_no\":1,\"field_1092\":0} 0\n"),
-              std::string::npos);
+                  "[01] uses channel[01]\n[02] uses channel[01]\n[03] uses channel[04]\n"
+                  "[04] uses channel[06]\n[05] uses channel[-2147483647]\n[06] uses channel[00]\n");
 }
 
 TEST(Volchn, UnknownVolumeAndVolumeWithoutChannels) {
@@ -134,7 +101,7 @@ TEST(Volchn, UnknownVolumeAndVolumeWithoutChannels) {
         SCOPED_TRACE(name);
         expect_output(s.run({"volchn", name}), "Cannot fine volume [" + std::string(name) + "]\n");
     }
-    EXPECT_EQ(s.query("SELECT count(*) FROM call_log WHERE op = 'get_volume_channel_list'"), "0\n");
+    EXPECT_EQ(s.call_count("get_volume_channel_list"), 0);
     expect_output(s.run({"volchn", "Rec3"}), "NO channel using volume [Rec3]\n");
     expect_output(s.run({"volchn", "Odd"}),
                   "[01] uses channel[32]\n[02] uses channel[33]\n[03] uses channel[00]\n");

@@ -88,8 +88,7 @@ std::string hostile_id(Random& r, size_t width, std::vector<std::string>& pool) 
     case 0:
     case 1:
         if (!pool.empty()) return r.pick(pool);
-        id = plain_id(r, width);
-        break;
+        [[fallthrough]];
     case 2: id = plain_id(r, width); break;
     case 3:
         id = plain_id(r, width);
@@ -493,13 +492,21 @@ std::string describe(const std::vector<std::string>& args) {
 }
 
 bool has_marker(const std::vector<std::string>& tree) {
-    for (const std::string& path : tree) {
-        std::string name = path;
-        if (!name.empty() && name.back() == '/') name.pop_back();
-        size_t slash = name.rfind('/');
-        if (name.substr(slash == std::string::npos ? 0 : slash + 1) == kMarker) return true;
+    for (std::string path : tree) {
+        if (path.back() == '/') path.pop_back();
+        if (path.substr(path.rfind('/') + 1) == kMarker) return true;  // npos + 1 is 0
     }
     return false;
+}
+
+// Parts of |text| between |sep| characters. A final newline ends the last
+// line; any other final separator starts an empty last part.
+std::vector<std::string> split(const std::string& text, char sep = '\n') {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string part; std::getline(in, part, sep);) out.push_back(part);
+    if (sep != '\n' && !text.empty() && text.back() == sep) out.push_back("");
+    return out;
 }
 
 bool all_digits(const std::string& text) {
@@ -509,9 +516,7 @@ bool all_digits(const std::string& text) {
 // Whether |path| is a day folder of a stream folder (.../<type>/<stream>/
 // YYYYMMDD) or lies inside one: the only folders recycling may remove.
 bool inside_day_folder(const std::string& path) {
-    std::vector<std::string> parts;
-    std::istringstream in(path);
-    for (std::string part; std::getline(in, part, '/');) parts.push_back(part);
+    std::vector<std::string> parts = split(path, '/');
     for (size_t i = 2; i < parts.size(); ++i) {
         if (parts[i].size() == 8 && all_digits(parts[i]) && all_digits(parts[i - 1]) &&
             all_digits(parts[i - 2]))
@@ -554,18 +559,10 @@ std::string without_table(const std::string& dump, const std::string& table) {
     return rest;
 }
 
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) out.push_back(line);
-    return out;
-}
-
 // The first line where two dumps differ, or empty when they are equal.
 std::string first_difference(const std::string& before, const std::string& after) {
     if (before == after) return "";
-    std::vector<std::string> a = lines(before), b = lines(after);
+    std::vector<std::string> a = split(before), b = split(after);
     size_t i = 0;
     while (i < a.size() && i < b.size() && a[i] == b[i]) ++i;
     return "before: " + (i < a.size() ? a[i] : std::string("(end)")) +
@@ -576,15 +573,6 @@ std::string first_difference(const std::string& before, const std::string& after
 std::string padded_hex(std::string hex) {
     if (hex.size() > 64) hex.resize(64);
     return hex + std::string(64 - hex.size(), '0');
-}
-
-std::vector<std::string> fields(const std::string& row) {
-    std::vector<std::string> out;
-    std::istringstream in(row);
-    std::string field;
-    while (std::getline(in, field, '|')) out.push_back(field);
-    if (!row.empty() && row.back() == '|') out.push_back("");
-    return out;
 }
 
 const char kPeriodRows[] =
@@ -599,13 +587,13 @@ void expect_only_recovered(SimServer& server, const std::string& before_dump,
     EXPECT_EQ(first_difference(without_table(before_dump, "periods"),
                                without_table(server.dump_tables(), "periods")),
               "");
-    std::vector<std::string> old_rows = lines(before_periods);
-    std::vector<std::string> new_rows = lines(server.query(kPeriodRows));
+    std::vector<std::string> old_rows = split(before_periods);
+    std::vector<std::string> new_rows = split(server.query(kPeriodRows));
     ASSERT_EQ(old_rows.size(), new_rows.size());
     for (size_t i = 0; i < old_rows.size(); ++i) {
         if (old_rows[i] == new_rows[i]) continue;
         SCOPED_TRACE("period before: " + old_rows[i] + "\nperiod after:  " + new_rows[i]);
-        std::vector<std::string> o = fields(old_rows[i]), n = fields(new_rows[i]);
+        std::vector<std::string> o = split(old_rows[i], '|'), n = split(new_rows[i], '|');
         ASSERT_EQ(o.size(), n.size());
         for (size_t k = 0; k < o.size(); ++k) {
             if (k == kStorageIdType || k == kStorageIdHex) continue;
@@ -617,7 +605,7 @@ void expect_only_recovered(SimServer& server, const std::string& before_dump,
         std::string profiles =
             server.query("SELECT hex(storage_id) FROM profiles WHERE channel_id = " + n[1]);
         bool known = false;
-        for (const std::string& p : lines(profiles))
+        for (const std::string& p : split(profiles))
             known = known || padded_hex(p) == n[kStorageIdHex];
         EXPECT_TRUE(known) << "written storage id is no profile's of the channel";
     }
@@ -632,9 +620,9 @@ void expect_only_volume_set(SimServer& server, const std::string& before_dump,
     EXPECT_EQ(first_difference(without_table(before_dump, "volumes"),
                                without_table(after_dump, "volumes")),
               "");
-    std::vector<std::string> old_rows = lines(table_of(before_dump, "volumes"));
-    std::vector<std::string> new_rows = lines(table_of(after_dump, "volumes"));
-    std::vector<std::string> codes = lines(server.query(kVolumeRows));
+    std::vector<std::string> old_rows = split(table_of(before_dump, "volumes"));
+    std::vector<std::string> new_rows = split(table_of(after_dump, "volumes"));
+    std::vector<std::string> codes = split(server.query(kVolumeRows));
     ASSERT_EQ(old_rows.size(), new_rows.size());
     ASSERT_EQ(codes.size() + 1, new_rows.size());
     std::string expected = std::string(type == "0" ? "0" : "2") + "|" + (state == "0" ? "1" : "0");
@@ -718,12 +706,13 @@ struct FuzzSettings {
 
 FuzzSettings settings_from_env() {
     FuzzSettings s;
-    const char* seed = getenv("KELVO_FUZZ_SEED");
-    if (seed && *seed) s.seed = strtoull(seed, nullptr, 10);
-    const char* iterations = getenv("KELVO_FUZZ_ITERATIONS");
-    if (iterations && *iterations) s.iterations = strtoll(iterations, nullptr, 10);
-    const char* seconds = getenv("KELVO_FUZZ_SECONDS");
-    if (seconds && *seconds) s.seconds = strtod(seconds, nullptr);
+    auto value = [](const char* name) {
+        const char* v = getenv(name);
+        return v && *v ? v : nullptr;
+    };
+    if (const char* v = value("KELVO_FUZZ_SEED")) s.seed = strtoull(v, nullptr, 10);
+    if (const char* v = value("KELVO_FUZZ_ITERATIONS")) s.iterations = strtoll(v, nullptr, 10);
+    if (const char* v = value("KELVO_FUZZ_SECONDS")) s.seconds = strtod(v, nullptr);
     return s;
 }
 

@@ -20,9 +20,11 @@
 namespace {
 
 using kt::expect_output;
-
+using kt::period_row;
 using kt::RunResult;
 using kt::SimServer;
+using kt::space_row;
+using kt::volume_row;
 
 const long long kWindowMs = 2592000LL * 1000;
 
@@ -40,37 +42,6 @@ void make_file(const std::string& path, long long mib) {
         EXPECT_EQ(posix_fallocate(fd, 0, mib << 20), 0) << path;
     }
     close(fd);
-}
-
-kt::Space space_row(int n, const char* name, int group) {
-    kt::Space s;
-    s.uuid = kt::uuid(n);
-    s.name = name;
-    s.group_uuid = kt::uuid(group);
-    return s;
-}
-
-kt::Volume volume_row(int n, int group, const std::string& path, long long volume_no = 1,
-                      long long total_mb = 0, long long used_mb = 0) {
-    kt::Volume v;
-    v.uuid = kt::uuid(n);
-    v.group_uuid = kt::uuid(group);
-    v.path = path;
-    v.volume_no = volume_no;
-    v.total_size_mb = total_mb;
-    v.used_size_mb = used_mb;
-    return v;
-}
-
-kt::Period period_row(int channel, int record_type, int stream, long long start_ms,
-                      long long end_ms) {
-    kt::Period p;
-    p.channel_id = channel;
-    p.record_type = record_type;
-    p.stream = stream;
-    p.start_ms = start_ms;
-    p.end_ms = end_ms;
-    return p;
 }
 
 struct EngineRuns {
@@ -255,26 +226,23 @@ TEST(Volclean, NothingToCleanCases) {
     }
 }
 
+// The two lines of a leaking volume.
+std::string leak(const std::string& name, long long total, long long used, long long remain,
+                 long long lost, long long over) {
+    return "Volume [" + name + "] total size " + std::to_string(total / 1024) + " GB(" +
+           std::to_string(total) + " MB), used " + std::to_string(used) +
+           " MB(preallocate_remain " + std::to_string(remain) + " MB).\nSize lost " +
+           std::to_string(lost) + " MB over " + std::to_string(over) +
+           " MB(%5) is not resonable. Start to recycle volume using space ...\n";
+}
+
 TEST(Autoclean, LeakThreshold) {
     struct Case {
-        long long total, used, preallocate_mib;
-        const char* report;  // the two lines of a leaking volume, or "" for none
+        long long total, used, preallocate_mib, lost, over;  // lost 0: no leak
     };
     const Case cases[] = {
-        {1000, 900, 50, ""},
-        {1000, 900, 49,
-         "Volume [Vol1] total size 0 GB(1000 MB), used 900 MB(preallocate_remain 49 MB).\n"
-         "Size lost 51 MB over 50 MB(%5) is not resonable. Start to recycle volume using space "
-         "...\n"},
-        {1019, 968, 0,
-         "Volume [Vol1] total size 0 GB(1019 MB), used 968 MB(preallocate_remain 0 MB).\n"
-         "Size lost 51 MB over 50 MB(%5) is not resonable. Start to recycle volume using space "
-         "...\n"},
-        {2048, 1900, 0,
-         "Volume [Vol1] total size 2 GB(2048 MB), used 1900 MB(preallocate_remain 0 MB).\n"
-         "Size lost 148 MB over 102 MB(%5) is not resonable. Start to recycle volume using space "
-         "...\n"},
-        {1000, 1200, 0, ""},  // more used than there is: never a leak
+        {1000, 900, 50, 0, 0},     {1000, 900, 49, 51, 50}, {1019, 968, 0, 51, 50},
+        {2048, 1900, 0, 148, 102}, {1000, 1200, 0, 0, 0},  // more used than there is
     };
     for (const Case& k : cases) {
         SCOPED_TRACE(std::to_string(k.total) + "/" + std::to_string(k.used) + "/" +
@@ -284,10 +252,11 @@ TEST(Autoclean, LeakThreshold) {
             server.add_volume(volume_row(21, 101, "share/Vol1", 1, k.total, k.used));
         make_file(fsu + "/preallocate/reserve", k.preallocate_mib);
         server.add_channel(0, kt::sid(0));
-        bool leak = *k.report != '\0';
         expect_output(server.run_at(now_s(), {"autoclean"}),
-                      std::string(k.report) + "Volume space leak detected count: " +
-                          (leak ? "1" : "0") + "\nrecycle check process done.\n");
+                      (k.lost ? leak("Vol1", k.total, k.used, k.preallocate_mib, k.lost, k.over) +
+                                    "Volume space leak detected count: 1\n"
+                              : "Volume space leak detected count: 0\n") +
+                          "recycle check process done.\n");
     }
 }
 
@@ -318,18 +287,11 @@ TEST(Autoclean, RecyclesEachLeakingVolumeWithUnits) {
     for (const std::string& k : kept) server.make_dir(k);
 
     expect_output(server.run_at(now_s(), {"autoclean"}),
-                  "Volume [VA] total size 0 GB(1000 MB), used 0 MB(preallocate_remain 0 MB).\n"
-                  "Size lost 1000 MB over 50 MB(%5) is not resonable. Start to recycle volume "
-                  "using space ...\n"
-                  "Volume [" + server.path("share/VC") + "] path does not exist\n"
-                  "Volume [VolName_7] total size 0 GB(100 MB), used 0 MB(preallocate_remain 0 "
-                  "MB).\n"
-                  "Size lost 100 MB over 5 MB(%5) is not resonable. Start to recycle volume "
-                  "using space ...\n"
-                  "Initial Unit to process failure.\n"
-                  "Initial Unit to process failure.\n"
-                  "Volume space leak detected count: 2\n"
-                  "recycle check process done.\n");
+                  leak("VA", 1000, 0, 0, 1000, 50) +
+                      "Volume [" + server.path("share/VC") + "] path does not exist\n" +
+                      leak("VolName_7", 100, 0, 0, 100, 5) +
+                      "Initial Unit to process failure.\nInitial Unit to process failure.\n"
+                      "Volume space leak detected count: 2\nrecycle check process done.\n");
     EngineRuns runs = engine_runs(server, "CFSUnit");
     EXPECT_EQ(runs.engines, 4);
     EXPECT_EQ(runs.failed_inits, 2);
@@ -347,12 +309,9 @@ TEST(Autoclean, NoVolumeAndNoChannel) {
     expect_output(server.run({"autoclean"}), "no volume found\nrecycle check process done.\n");
     server.add_volume(volume_row(21, 101, "share/Vol1", 1, 1000, 0));
     expect_output(server.run({"autoclean"}),
-                  "Volume [Vol1] total size 0 GB(1000 MB), used 0 MB(preallocate_remain 0 MB).\n"
-                  "Size lost 1000 MB over 50 MB(%5) is not resonable. Start to recycle volume "
-                  "using space ...\n"
-                  "No channel settings found.\n"
-                  "Volume space leak detected count: 1\n"
-                  "recycle check process done.\n");
+                  leak("Vol1", 1000, 0, 0, 1000, 50) +
+                      "No channel settings found.\nVolume space leak detected count: 1\n"
+                      "recycle check process done.\n");
 }
 
 // Measures in this process; restores the working directory afterwards.

@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "commands.h"
 #include "sim_server.h"
@@ -77,49 +78,39 @@ TEST(StripSharePrefix, TakesTheRestAfterTheFirstShare) {
 
 TEST(Spacelist, PrintsEverySpaceInListOrder) {
     SimServer server;
-    server.add_space({kt::uuid(1), "Main", kt::uuid(101), 10240, 2560, 0, 0});
-    server.add_space({kt::uuid(2), "Spare pool", kt::uuid(102), 1535, 1, 0, 1});
-    server.add_space({kt::uuid(3), "Broken", kt::uuid(103), -1535, 7, 7, 0});
-    server.add_space({kt::uuid(4), "Odd", kt::uuid(104), 2048, 3072, 12, 0});
-    kt::RunResult r = server.run({"spacelist"});
-    EXPECT_EQ(r.out,
-              "Space count: 4\n"
-              "[01] [Main], total size: 10 GB, used: 2560 MB, use 25.00% [Normal                   ]\n"
-              "[02] [Spare pool], total size: 1 GB, used: 1 MB, use 0.07% [Normal(With Spare)       ]\n"
-              "[03] [Broken], total size: -1 GB, used: 7 MB, use -0.46% [Spare Enabled(With Spare)]\n"
-              "[04] [Odd], total size: 2 GB, used: 3072 MB, use 150.00% [UNKNOW_STATUS            ]\n"
-              "\n");
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.status, 0);
-}
-
-TEST(Spacelist, NoSpacesPrintsNothing) {
-    SimServer server;
-    kt::RunResult r = server.run({"spacelist"});
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.status, 0);
+    kt::expect_output(server.run({"spacelist"}), "");
+    server.add_space(kt::space_row(1, "Main", 101, 10240, 2560));
+    server.add_space(kt::space_row(2, "Spare pool", 102, 1535, 1, 0, 1));
+    server.add_space(kt::space_row(3, "Broken", 103, -1535, 7, 7));
+    server.add_space(kt::space_row(4, "Odd", 104, 2048, 3072, 12));
+    kt::expect_output(
+        server.run({"spacelist"}),
+        "Space count: 4\n"
+        "[01] [Main], total size: 10 GB, used: 2560 MB, use 25.00% [Normal                   ]\n"
+        "[02] [Spare pool], total size: 1 GB, used: 1 MB, use 0.07% [Normal(With Spare)       ]\n"
+        "[03] [Broken], total size: -1 GB, used: 7 MB, use -0.46% [Spare Enabled(With Spare)]\n"
+        "[04] [Odd], total size: 2 GB, used: 3072 MB, use 150.00% [UNKNOW_STATUS            ]\n"
+        "\n");
 }
 
 TEST(Spacelist, ZeroTotalAndHugeCountsAndLongNames) {
     SimServer server;
-    server.add_space({kt::uuid(1), "Empty", kt::uuid(101), 0, 0, 0, 0});
-    server.add_space({kt::uuid(2), "Full", kt::uuid(102), 0, 5, 0, 0});
+    server.add_space(kt::space_row(1, "Empty", 101));
+    server.add_space(kt::space_row(2, "Full", 102, 0, 5));
     // A 600-character name is stored as 512 bytes with no terminator.
-    server.add_space({kt::uuid(3), std::string(600, 'N'), kt::uuid(103), 1024, 0, 0, 0});
+    server.add_space(kt::space_row(3, std::string(600, 'N'), 103, 1024));
     for (int i = 4; i <= 100; ++i)
-        server.add_space({kt::uuid(i), "s" + std::to_string(i), kt::uuid(100 + i), 1024, 512, 1, 0});
+        server.add_space(kt::space_row(i, "s" + std::to_string(i), 100 + i, 1024, 512, 1));
     kt::RunResult r = server.run({"spacelist"});
     EXPECT_EQ(r.err, "");
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out.substr(0, 16), "Space count: 100");
-    EXPECT_NE(r.out.find("[01] [Empty], total size: 0 GB, used: 0 MB, use -nan% ["),
-              std::string::npos);
-    EXPECT_NE(r.out.find("[02] [Full], total size: 0 GB, used: 5 MB, use inf% ["), std::string::npos);
-    EXPECT_NE(r.out.find("[03] [" + std::string(512, 'N') + "], total size: 1 GB"),
-              std::string::npos);
-    EXPECT_NE(r.out.find("[100] [s100], total size: 1 GB, used: 512 MB, use 50.00% [Allocating"),
-              std::string::npos);
+    for (const std::string& line : std::vector<std::string>{
+             "[01] [Empty], total size: 0 GB, used: 0 MB, use -nan% [",
+             "[02] [Full], total size: 0 GB, used: 5 MB, use inf% [",
+             "[03] [" + std::string(512, 'N') + "], total size: 1 GB",
+             "[100] [s100], total size: 1 GB, used: 512 MB, use 50.00% [Allocating"})
+        EXPECT_NE(r.out.find("\n" + line), std::string::npos) << line;
 }
 
 }  // namespace

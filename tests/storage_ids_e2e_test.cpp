@@ -10,7 +10,6 @@
 namespace {
 
 using kt::expect_output;
-
 using kt::SimServer;
 
 const long long kMinute = 60 * 1000;
@@ -38,10 +37,10 @@ struct WalkServer {
         null_period(0, 4, 1, t + 5 * kHour, "B");
         null_period(0, 4, 1, t + kHour, "C");
         null_period(0, 4, 1, t + kHour, "D", kHour);  // equal start, later row
-        server.add_period({0, 4, 1, t, t + 1, kt::Value(kt::storage_id(1)), "kept", 0});
+        server.add_period(kt::period_row(0, 4, 1, t, t + 1, kt::Value(kt::storage_id(1)), "kept"));
         // Null by its first byte alone.
-        server.add_period({0, 4, 1, t + 3 * kHour, t + 3 * kHour,
-                           kt::Value::blob(std::string("\0ab", 3)), "F", 0});
+        server.add_period(kt::period_row(0, 4, 1, t + 3 * kHour, t + 3 * kHour,
+                                         kt::Value::blob(std::string("\0ab", 3)), "F"));
         null_period(0, 1, 4, t, "G");
         null_period(0, 1, 1, t + 10 * kHour, "H");
         null_period(0, 2, 1, t, "other type");
@@ -55,7 +54,8 @@ struct WalkServer {
     }
     void null_period(long long ch, long long type, long long stream, long long start,
                      const std::string& key, long long length = 59999) {
-        server.add_period({ch, type, stream, start, start + length, kt::Value::null(), key, 0});
+        server.add_period(
+            kt::period_row(ch, type, stream, start, start + length, kt::Value::null(), key));
     }
 };
 
@@ -81,8 +81,7 @@ TEST(Nullid, WalksTypesThenStreamsSortedByStart) {
     EXPECT_EQ(w.server.query("SELECT count(*) FROM call_log WHERE op = 'query_time_periods' "
                              "AND json_extract(args, '$.channel_id') = 2"),
               "0\n");
-    EXPECT_EQ(w.server.query("SELECT count(*) FROM call_log WHERE op = 'destroy_channel_session'"),
-              "3\n");
+    EXPECT_EQ(w.server.call_count("destroy_channel_session"), 3);
 }
 
 TEST(Nullid, ChannelArgumentSelectsOneSlot) {
@@ -108,8 +107,8 @@ struct RepairServer {
     std::string fsu[7];
 
     RepairServer() {
-        server.add_space({kt::uuid(51), "S1", kt::uuid(101), 0, 0, 0, 0});
-        server.add_space({kt::uuid(52), "S2", kt::uuid(102), 0, 0, 0, 0});
+        server.add_space(kt::space_row(51, "S1", 101));
+        server.add_space(kt::space_row(52, "S2", 102));
         volume(5, 101, "/" + std::string(1100, 'p'), false);
         volume(6, 101, std::string(210, 'a') + "/" + std::string(210, 'b'));
         volume(4, 109, "vol4");
@@ -119,35 +118,22 @@ struct RepairServer {
         for (int ch = 0; ch < 4; ++ch) server.add_channel(ch, kt::sid(ch + 1));
     }
     void volume(int n, int group, const std::string& path, bool make_fsu_folder = true) {
-        kt::Volume v;
-        v.uuid = kt::uuid(n);
-        v.group_uuid = kt::uuid(group);
-        v.path = path;
+        kt::Volume v = kt::volume_row(n, group, path);
         v.make_fsu_folder = make_fsu_folder;
         fsu[n] = server.add_volume(v);
     }
     void profile(int ch, int space, int group, int volume, int id) {
-        server.add_profile({ch, kt::sid(ch + 1), kt::uuid(space), kt::uuid(group),
-                            kt::uuid(volume), kt::storage_id(id)});
+        server.add_profile(
+            kt::profile_row(ch, kt::sid(ch + 1), space, group, volume, kt::storage_id(id)));
     }
     // A null period of |key|; its hour folders are made on |volumes|.
     void period(int ch, int type, int stream, long long start, const std::string& key,
                 std::vector<int> volumes, long long folder_ms = -1) {
-        server.add_period(
-            {ch, type, stream, start, start + 30 * kMinute, kt::Value::null(), key, 40});
+        server.add_period(kt::period_row(ch, type, stream, start, start + 30 * kMinute,
+                                         kt::Value::null(), key, 40));
         for (int v : volumes)
             server.make_dir(server.hour_folder(fsu[v], kt::sid(ch + 1), type, stream,
                                                folder_ms < 0 ? start : folder_ms));
-    }
-    // Every table but the call log, storage ids as SQL literals.
-    std::string dump() {
-        std::string out;
-        for (const char* table : {"spaces", "volumes", "channels", "profiles", "volume_channels",
-                                  "faults", "settings"})
-            out += server.query(std::string("SELECT * FROM ") + table + " ORDER BY rowid");
-        return out + server.query(
-                         "SELECT channel_id, record_type, stream, start_ms, end_ms, "
-                         "quote(storage_id), period_key, size_mb FROM periods ORDER BY rowid");
     }
 };
 
@@ -164,7 +150,8 @@ TEST(Recoverid, EveryResultTextAndTheRepairInTheDatabase) {
     r.period(0, 4, 3, r.t, "unlisted-space-first", {4, 2});
     r.period(0, 1, 1, r.t, "update-fails", {1});
     r.period(0, 1, 2, r.t, "update-claims-success", {2});
-    r.server.add_period({0, 1, 4, r.t, r.t, kt::Value(kt::storage_id(99)), "not-null", 0});
+    r.server.add_period(
+        kt::period_row(0, 1, 4, r.t, r.t, kt::Value(kt::storage_id(99)), "not-null"));
     r.period(1, 4, 1, r.t, "no-matching-profile", {1});
     r.period(2, 4, 1, r.t, "profiles-fail", {1});
     r.period(3, 4, 2, r.t, "no-profiles", {1});
@@ -173,7 +160,7 @@ TEST(Recoverid, EveryResultTextAndTheRepairInTheDatabase) {
     r.server.add_fault("retrieve_storage_id_profile_list", "2");
     r.server.add_fault("query_time_periods", "2:1:1");
     r.server.add_fault("query_time_periods", "3:4:1");
-    std::string before = r.dump();
+    std::string before = r.server.dump_tables();
     r.server.enable_trace();
 
     auto line = [](const char* query, int hour, const std::string& result) {
@@ -214,7 +201,7 @@ TEST(Recoverid, EveryResultTextAndTheRepairInTheDatabase) {
                   "\n");
     r.server.exec("DELETE FROM call_log; DELETE FROM settings; UPDATE periods SET storage_id = "
                   "NULL WHERE period_key IN ('first-volume', 'on-S2');");
-    EXPECT_EQ(r.dump(), before);
+    EXPECT_EQ(r.server.dump_tables(), before);
 }
 
 TEST(Recoverid, CallsOfOneRepair) {
@@ -228,14 +215,10 @@ TEST(Recoverid, CallsOfOneRepair) {
                   "ch01 list:\n\t[NR S01] [2024-3-05 07:08:09]-[2024-3-05 07:38:09], recover "
                   "storage id: [" + kt::storage_id(12) + "]\n"
                   "\nTotal have [1] time period data has null storage id, [1] recover success.\n");
-    std::string query = "query_time_periods {\"channel_id\":0,\"record_type\":%d,\"stream\":%d,"
-                        "\"from_ms\":0,\"to_ms\":" + std::to_string(now * 1000) +
-                        ",\"a\":0,\"b\":1,\"c\":1} 0\n";
-    auto q = [&query](int type, int stream) {
-        std::string line = query;
-        line.replace(line.find("%d"), 2, std::to_string(type));
-        line.replace(line.find("%d"), 2, std::to_string(stream));
-        return line;
+    auto q = [now](int type, int stream) {
+        return "query_time_periods {\"channel_id\":0,\"record_type\":" + std::to_string(type) +
+               ",\"stream\":" + std::to_string(stream) + ",\"from_ms\":0,\"to_ms\":" +
+               std::to_string(now * 1000) + ",\"a\":0,\"b\":1,\"c\":1} 0\n";
     };
     std::string expected = "create_storage_setting {} NULL\n"
                            "get_channel_setting_list {\"flag\":1} 0\n"

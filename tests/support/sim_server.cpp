@@ -27,13 +27,6 @@ namespace {
 
 sqlite3* handle(void* db) { return static_cast<sqlite3*>(db); }
 
-std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream buffer;
-    buffer << in.rdbuf();
-    return buffer.str();
-}
-
 void remove_tree(const std::string& path) {
     std::string command = "rm -rf '" + path + "'";
     if (system(command.c_str()) != 0) fprintf(stderr, "cannot remove %s\n", path.c_str());
@@ -60,6 +53,13 @@ std::vector<std::string> base_env() {
 
 }  // namespace
 
+std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream buffer;
+    buffer << in.rdbuf();
+    return buffer.str();
+}
+
 std::string uuid(int n) {
     // 8-4-4-4-12 layout, the number in the last group.
     return "a0b1c2d3-0000-4000-8000-" + padded_number(n, 12);
@@ -79,6 +79,28 @@ long long local_ms(int year, int month, int day, int hour, int minute, int secon
     t.tm_sec = second;
     t.tm_isdst = -1;
     return static_cast<long long>(mktime(&t)) * 1000;
+}
+
+Space space_row(int n, const std::string& name, int group, long long total_mb, long long used_mb,
+                long long status, long long spare_status) {
+    return {uuid(n), name, uuid(group), total_mb, used_mb, status, spare_status};
+}
+
+Volume volume_row(int n, int group, const std::string& path, long long volume_no,
+                  long long total_mb, long long used_mb, long long type, long long state,
+                  const std::string& label) {
+    return {uuid(n), uuid(group), path, volume_no, type, state, total_mb, used_mb, label, true};
+}
+
+Period period_row(long long channel, long long record_type, long long stream, long long start_ms,
+                  long long end_ms, const Value& storage_id, const std::string& key,
+                  long long size_mb) {
+    return {channel, record_type, stream, start_ms, end_ms, storage_id, key, size_mb};
+}
+
+Profile profile_row(long long channel, const std::string& sid, int space, int group, int volume,
+                    const std::string& storage_id) {
+    return {channel, sid, uuid(space), uuid(group), uuid(volume), storage_id};
 }
 
 SimServer::SimServer(const std::string& tz) : tz_(tz), db_(nullptr) {
@@ -179,26 +201,17 @@ void SimServer::insert(const std::string& table,
 }
 
 void SimServer::add_space(const Space& s) {
-    insert("spaces", {{"uuid", s.uuid},
-                      {"name", s.name},
-                      {"group_uuid", s.group_uuid},
-                      {"total_size_mb", s.total_size_mb},
-                      {"used_size_mb", s.used_size_mb},
-                      {"status", s.status},
-                      {"spare_status", s.spare_status}});
+    insert("spaces", {{"uuid", s.uuid}, {"name", s.name}, {"group_uuid", s.group_uuid},
+                      {"total_size_mb", s.total_size_mb}, {"used_size_mb", s.used_size_mb},
+                      {"status", s.status}, {"spare_status", s.spare_status}});
 }
 
 std::string SimServer::add_volume(const Volume& v) {
     std::string volume_path = path(v.path);
-    insert("volumes", {{"uuid", v.uuid},
-                       {"group_uuid", v.group_uuid},
-                       {"path", volume_path},
-                       {"volume_no", v.volume_no},
-                       {"volume_type", v.volume_type},
-                       {"state", v.state},
-                       {"total_size_mb", v.total_size_mb},
-                       {"used_size_mb", v.used_size_mb},
-                       {"label", v.label}});
+    insert("volumes", {{"uuid", v.uuid}, {"group_uuid", v.group_uuid}, {"path", volume_path},
+                       {"volume_no", v.volume_no}, {"volume_type", v.volume_type},
+                       {"state", v.state}, {"total_size_mb", v.total_size_mb},
+                       {"used_size_mb", v.used_size_mb}, {"label", v.label}});
     std::string fsu = fsu_folder(volume_path, v.uuid);
     if (v.make_fsu_folder) make_dir(fsu + "/preallocate");
     return fsu;
@@ -214,22 +227,14 @@ void SimServer::add_period(const Period& p) {
         key = "p-" + std::to_string(p.channel_id) + "-" + std::to_string(p.record_type) + "-" +
               std::to_string(p.stream) + "-" + std::to_string(p.start_ms);
     }
-    insert("periods", {{"channel_id", p.channel_id},
-                       {"record_type", p.record_type},
-                       {"stream", p.stream},
-                       {"start_ms", p.start_ms},
-                       {"end_ms", p.end_ms},
-                       {"storage_id", p.storage_id},
-                       {"period_key", key},
-                       {"size_mb", p.size_mb}});
+    insert("periods", {{"channel_id", p.channel_id}, {"record_type", p.record_type},
+                       {"stream", p.stream}, {"start_ms", p.start_ms}, {"end_ms", p.end_ms},
+                       {"storage_id", p.storage_id}, {"period_key", key}, {"size_mb", p.size_mb}});
 }
 
 void SimServer::add_profile(const Profile& p) {
-    insert("profiles", {{"channel_id", p.channel_id},
-                        {"sid", p.sid},
-                        {"space_uuid", p.space_uuid},
-                        {"group_uuid", p.group_uuid},
-                        {"volume_uuid", p.volume_uuid},
+    insert("profiles", {{"channel_id", p.channel_id}, {"sid", p.sid}, {"space_uuid", p.space_uuid},
+                        {"group_uuid", p.group_uuid}, {"volume_uuid", p.volume_uuid},
                         {"storage_id", p.storage_id}});
 }
 
@@ -246,6 +251,10 @@ void SimServer::enable_trace() { exec("INSERT OR REPLACE INTO settings VALUES ('
 
 std::string SimServer::call_log() {
     return query("SELECT op || ' ' || args || ' ' || ifnull(result, 'NULL') FROM call_log ORDER BY seq");
+}
+
+int SimServer::call_count(const std::string& op) {
+    return std::stoi(query("SELECT count(*) FROM call_log WHERE op = '" + op + "'"));
 }
 
 std::string SimServer::fsu_folder(const std::string& volume_path,

@@ -87,6 +87,19 @@ std::string storage_id(int n);
 // Milliseconds since the epoch of a local time in the process's TZ.
 long long local_ms(int year, int month, int day, int hour, int minute = 0, int second = 0);
 
+// Rows by number: uuid(n), uuid(group), uuid(space) and so on; fields left out
+// keep their defaults.
+Space space_row(int n, const std::string& name, int group, long long total_mb = 0,
+                long long used_mb = 0, long long status = 0, long long spare_status = 0);
+Volume volume_row(int n, int group, const std::string& path, long long volume_no = -1,
+                  long long total_mb = 0, long long used_mb = 0, long long type = 0,
+                  long long state = 0, const std::string& label = "");
+Period period_row(long long channel, long long record_type, long long stream, long long start_ms,
+                  long long end_ms, const Value& storage_id = Value::null(),
+                  const std::string& key = "", long long size_mb = 0);
+Profile profile_row(long long channel, const std::string& sid, int space, int group, int volume,
+                    const std::string& storage_id);
+
 class SimServer {
 public:
     // Sets TZ for this process too, so local times agree with kelvo's.
@@ -118,6 +131,8 @@ public:
     void enable_trace();
     // The call log as "op args result" lines, in order.
     std::string call_log();
+    // How many calls of |op| the log holds.
+    int call_count(const std::string& op);
 
     // FSU folder of a volume: path + "/FSU_" + uuid characters 4 to 35.
     std::string fsu_folder(const std::string& volume_path, const std::string& volume_uuid) const;
@@ -150,6 +165,9 @@ private:
 
 // Standard output byte for byte, nothing on standard error, status 0.
 void expect_output(const RunResult& r, const std::string& out);
+
+// The whole file ("" when it cannot be read).
+std::string read_file(const std::string& path);
 
 // Runs any program with the given environment, capturing both outputs.
 RunResult run_program(const std::vector<std::string>& argv, const std::vector<std::string>& env,
