@@ -54,7 +54,7 @@ run() {
     local name=$1 size=$2 db=$3
     shift 3
     local runs=$repeat best="" best_cpu="" peak=0 i line secs kb code cpu
-    [[ $name == "recoverid -1" || $size == q* ]] && runs=1
+    [[ $size == q* ]] && runs=1
     for ((i = 0; i < runs; i++)); do
         [[ $name == "recoverid -1" ]] && cp "$work/$size/storage.db" "$db"
         line=$(ORN_STORAGE_DB=$db "$measure" "$work/out" "$work/err" "$@")
@@ -120,7 +120,7 @@ echo "Machine: $(nproc) cores, $(awk -F': ' '/model name/ { print $2; exit }' /p
     "$(awk '/MemTotal/ { printf "%.0f GB", $2 / 1048576 }' /proc/meminfo) RAM, $(uname -sr)," \
     "SQLite $(sqlite3 --version | cut -d' ' -f1)"
 echo "Data: $periods periods per channel, record type and stream (8 streams), $volumes volumes," \
-    "null share $null_share, $leaking leaking; fastest of $repeat runs (recoverid: 1)"
+    "null share $null_share, $leaking leaking; fastest of $repeat runs (q16x: 1)"
 echo
 
 bench_size 1x "$base" "$periods"
