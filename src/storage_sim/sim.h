@@ -106,6 +106,15 @@ public:
     ~StorageSetting() override = default;
 };
 
+// Fills the channel_id and sid of a channel record from columns 0 and 1.
+template <typename ChannelRecord>
+void fill_channel(const Stmt& row, ChannelRecord& channel) {
+    channel.channel_id = static_cast<uint32_t>(row.int64(0));
+    int size = 0;
+    const unsigned char* data = row.bytes(1, &size);
+    copy_field(channel.sid, sizeof(channel.sid), data, size);
+}
+
 // Fills a volume record from a row of "SELECT <volume columns> FROM volumes".
 extern const char* const kVolumeColumns;
 void fill_volume(const Stmt& row, TVolumeInfo& volume);

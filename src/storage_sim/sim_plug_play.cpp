@@ -24,11 +24,7 @@ int PlugPlayService::get_volume_channel_list(TVolumeConfig& volume, ornsid&, orn
     rows.bind(1, volume.volume_no);
     while (rows.step()) {
         channels.emplace_back();
-        channel_sid& channel = channels.back();
-        channel.channel_id = static_cast<uint32_t>(rows.int64(0));
-        int size = 0;
-        const unsigned char* data = rows.bytes(1, &size);
-        copy_field(channel.sid, sizeof(channel.sid), data, size);
+        fill_channel(rows, channels.back());
     }
     return 0;
 }

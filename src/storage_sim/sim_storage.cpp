@@ -33,11 +33,9 @@ const char* const kProfileColumns =
 
 void fill_profile(const Stmt& row, TStoreIDProfile& profile) {
     storage_location& location = profile.location;
-    location.owner_channel.channel_id = static_cast<uint32_t>(row.int64(0));
+    fill_channel(row, location.owner_channel);
     int size = 0;
-    const unsigned char* data = row.bytes(1, &size);
-    copy_field(location.owner_channel.sid, sizeof(location.owner_channel.sid), data, size);
-    data = row.bytes(2, &size);
+    const unsigned char* data = row.bytes(2, &size);
     copy_uuid(location.space_uuid, data, size);
     data = row.bytes(3, &size);
     copy_uuid(location.group_uuid, data, size);
@@ -88,11 +86,7 @@ int StorageSetting::get_channel_setting_list(std::list<TChannelStorageSetting>& 
     Stmt rows("SELECT channel_id, sid FROM channels ORDER BY rowid");
     while (rows.step()) {
         settings.emplace_back();
-        TChannelStorageSetting& setting = settings.back();
-        setting.channel_id = static_cast<uint32_t>(rows.int64(0));
-        int size = 0;
-        const unsigned char* data = rows.bytes(1, &size);
-        copy_field(setting.sid, sizeof(setting.sid), data, size);
+        fill_channel(rows, settings.back());
     }
     return 0;
 }
