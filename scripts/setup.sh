@@ -3,7 +3,10 @@
 # that are not there yet (apt-get as root, through sudo otherwise).
 set -eu
 
-packages="cmake g++ make libgtest-dev libgmock-dev libsqlite3-dev sqlite3 libbenchmark-dev faketime coreutils"
+# The package, manual page and completion tests need dpkg-dev, groff-base,
+# man-db and bsdextrautils (col).
+packages="cmake g++ make libgtest-dev libgmock-dev libsqlite3-dev sqlite3 libbenchmark-dev faketime coreutils
+          dpkg-dev groff-base man-db bsdextrautils"
 
 missing=""
 for p in $packages; do
