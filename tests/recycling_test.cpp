@@ -375,8 +375,9 @@ TEST_F(MeasureTest, FailuresLeaveBothOutputs) {
     const std::string missing = server_.path("share/none");
     EXPECT_EQ(measure(volume(missing, 7)),
               "-1 777 888 Volume [" + missing + "] path does not exist\n");
-    // Neither the folder path nor the quoted command is ever cut to fit
-    // its 256-byte buffer. The preallocate folder is the path plus 49.
+    // Neither the folder path nor the command "du <folder>" is ever cut to
+    // fit its 256-byte buffer; quoting does not shorten the limit. The
+    // preallocate folder is the path plus 49.
     const std::string prefix = server_.path("share/");
     auto path_for = [&](size_t folder_length, const std::string& head) {
         size_t fill = folder_length - 49 - prefix.size() - head.size();
@@ -388,8 +389,8 @@ TEST_F(MeasureTest, FailuresLeaveBothOutputs) {
     };
     const std::pair<std::string, const char*> cases[] = {
         {path_for(256, ""), "-1 777 888 "},  // folder too long
-        {path_for(255, ""), "-1 777 888 "},  // command too long
-        {path_for(250, "'"), "-1 777 888 "},  // command too long once quoted
+        {path_for(253, ""), "-1 777 888 "},  // "du <folder>" too long
+        {path_for(252, "'"), "0 0 7 "},      // longest, with a quote inside
         {path_for(250, ""), "0 0 7 "},
     };
     for (const auto& c : cases) {

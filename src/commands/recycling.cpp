@@ -181,16 +181,20 @@ void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id) 
 int measure_volume_usage(const TVolumeInfo& volume, int64_t& preallocate_remain_mb,
                          int64_t& used_size_mb) {
     const VolumePath path(volume);
-    // Neither buffer may hold a cut path: a path that does not fit is
-    // reported like one that cannot be entered.
+    // Neither the folder path nor the command "du <folder>" may be cut to fit
+    // its 256-byte buffer: a path that does not fit is reported like one that
+    // cannot be entered, before the working directory changes.
     char folder[256];
     int n = snprintf(folder, sizeof(folder), "%s/FSU_%.32s/preallocate", path.text,
                      volume.uuid.uuid + 4);
-    if (n < 0 || static_cast<size_t>(n) >= sizeof(folder) || chdir(folder) != 0) {
+    const size_t kCommandSize = 256;
+    if (n < 0 || static_cast<size_t>(n) + strlen("du ") >= kCommandSize || chdir(folder) != 0) {
         print_missing_volume(path);
         return -1;
     }
-    char command[256];
+    // Quoting for the shell makes the command longer than "du <folder>";
+    // every quote of the folder becomes four characters.
+    char command[kCommandSize * 4 + 8];
     if (!compose_du_command(folder, command, sizeof(command))) {
         print_missing_volume(path);
         return -1;
