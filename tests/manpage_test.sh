@@ -2,7 +2,7 @@
 # The manual page renders without a single groff warning and documents every
 # command. Usage: manpage_test.sh SOURCE_DIR
 set -u
-page=$1/doc/kelvo.1
+page=$1/doc/kelvo.8
 failures=0
 warnings=$(groff -ww -man -Tutf8 -z "$page" 2>&1)
 if [ -n "$warnings" ]; then
