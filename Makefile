@@ -17,8 +17,16 @@ build-asan: setup
 	cmake -S . -B $(BUILD)/asan -DCMAKE_BUILD_TYPE=Debug -DKELVO_SANITIZE=ON
 	cmake --build $(BUILD)/asan -j $(JOBS)
 
-demo: build
-	./demo/run_demo.sh $(BUILD)/normal
+# The programs the demo runs; it builds only these, quietly (the log of the
+# build is shown only when it fails).
+DEMO_TARGETS = kelvo
+demo: setup
+	@mkdir -p $(BUILD)
+	@echo "Building $(DEMO_TARGETS) in $(BUILD)/normal (log: $(BUILD)/demo-build.log) ..."
+	@{ cmake -S . -B $(BUILD)/normal -DCMAKE_BUILD_TYPE=RelWithDebInfo && \
+	   cmake --build $(BUILD)/normal -j $(JOBS) --target $(DEMO_TARGETS) -- --no-print-directory; \
+	 } >$(BUILD)/demo-build.log 2>&1 || { cat $(BUILD)/demo-build.log; exit 1; }
+	@./demo/run_demo.sh $(BUILD)/normal
 
 test-normal: build
 	ctest --test-dir $(BUILD)/normal --output-on-failure -j $(JOBS)

@@ -23,6 +23,9 @@ add_channel() { sql "INSERT INTO channels VALUES ($1, '$2');"; }
 # hour_folder FSU SID RECORD_TYPE STREAM EPOCH_SECONDS: local-time hour folder.
 hour_folder() { printf '%s/%s/%s/%s/%s' "$1" "$2" "$3" "$4" "$(date -d "@$5" +%Y%m%d/%H)"; }
 
+# Tells in a sentence or two what the next command shows.
+say() { printf '%s\n' "$*" | fold -s -w 76 | sed 's/ *$//; s/^/# /'; }
+
 # Prints the command line and runs kelvo with it.
 show() {
     printf '$ kelvo %s\n' "$*"

@@ -18,7 +18,8 @@ sqlite3 "$DB" < "$here/../src/storage_sim/schema.sql"
 . "$here/lib.sh"
 for f in "$here"/seed/*.sh; do . "$f"; done
 
-echo "Demo recording server in $ROOT"
+say "A demo recording server in $ROOT: three spaces, seven volumes and" \
+    "eight channels with recordings of the last days, some of them damaged."
 echo
 for f in "$here"/steps/*.sh; do . "$f"; done
 

@@ -3,10 +3,12 @@
 # that are not there yet (apt-get as root, through sudo otherwise).
 set -eu
 
-# The package, manual page and completion tests need dpkg-dev, groff-base,
-# man-db and bsdextrautils (col).
-packages="cmake g++ make libgtest-dev libgmock-dev libsqlite3-dev sqlite3 libbenchmark-dev faketime coreutils
-          dpkg-dev groff-base man-db bsdextrautils"
+# Build: cmake g++ make libsqlite3-dev; demo: sqlite3; tests: libgtest-dev
+# libgmock-dev faketime. The package test needs dpkg-dev, file (CPack) and
+# lintian, the manual page test groff-base, man-db and bsdextrautils (col),
+# the completion test bash-completion.
+packages="cmake g++ make libsqlite3-dev sqlite3 libgtest-dev libgmock-dev faketime
+          dpkg-dev file lintian groff-base man-db bsdextrautils bash-completion"
 
 missing=""
 for p in $packages; do

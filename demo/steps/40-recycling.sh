@@ -15,7 +15,14 @@ rc_show_removed() {
 }
 
 rc_before=$(rc_hour_folders)
+say "volclean 0 removes ch01's recordings of the last 30 days that lie before" \
+    "the oldest period each stream still lists, on every space. A stream that" \
+    "lists no period (\"Can not find time period.\") loses its whole last 30" \
+    "days: that is why the folder of stream 3 from 6 days ago goes too."
 show volclean 0
 rc_show_removed
+say "autoclean measures every volume's reserve with du. Backup2 loses 128 MB" \
+    "of its 2048 MB, more than 5%, so the old data of every channel on it is" \
+    "recycled; folders older than 30 days and streams without periods stay."
 show autoclean
 rc_show_removed
