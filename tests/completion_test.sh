@@ -1,57 +1,69 @@
 #!/bin/bash
-# Drives the bash completion through bash against the demo server.
+# Drives the bash completions of kelvo and kelvo-report through bash with
+# bash-completion loaded, which finds them where they are installed
+# (share/bash-completion/completions/COMMAND), against the demo server.
 # Usage: completion_test.sh SOURCE_DIR KELVO_DIR
 set -u
 src=$1
 kelvo_dir=$2
+loader=/usr/share/bash-completion/bash_completion
+[ -r "$loader" ] || { echo "SKIPPED: bash-completion is not installed"; exit 0; }
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 DEMO_ROOT="$tmp/demo" "$src/demo/run_demo.sh" "$kelvo_dir" >"$tmp/demo.log" 2>&1 ||
     { echo "FAILED: demo server"; cat "$tmp/demo.log"; exit 1; }
+mkdir -p "$tmp/bin" "$tmp/share/bash-completion/completions" "$tmp/out"
+ln -s "$(cd "$kelvo_dir" && pwd)/kelvo" "$tmp/bin/kelvo"
+for command in kelvo kelvo-report; do
+    cp "$src/contrib/$command.bash-completion" "$tmp/share/bash-completion/completions/$command"
+done
+touch "$tmp/out/metrics.prom"
 
-# Prints the completions of the words given; the last word is the one completed.
+# Prints the completions of the words given as bash splits them ("=" is a
+# word of its own); the last word is the one completed.
 complete_words() {
-    ORN_STORAGE_DB="$tmp/demo/storage.db" TZ=UTC PATH="$kelvo_dir:$PATH" bash --norc -c '
+    ORN_STORAGE_DB="$tmp/demo/storage.db" TZ=UTC PATH="$tmp/bin:$PATH" XDG_DATA_DIRS="$tmp/share" bash --norc -c '
         source "$1"; shift
+        __load_completion "$1" || exit 1
+        function=$(complete -p "$1" | sed -n "s/.* -F \([^ ]*\) .*/\1/p")
         COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1))
-        _kelvo
-        printf "%s\n" "${COMPREPLY[@]}" | sort' _ "$src/contrib/kelvo.bash-completion" "$@"
+        COMP_LINE="$*"; COMP_LINE=${COMP_LINE// = /=}; COMP_POINT=${#COMP_LINE}
+        compopt() { :; }  # only valid while bash itself completes
+        "$function" "$1" "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD - 1]}"
+        printf "%s\n" "${COMPREPLY[@]}" | sort' _ "$loader" "$@"
 }
 
 failures=0
-expect() {  # expect NAME EXPECTED_LINES WORDS...
-    local name=$1 expected=$2; shift 2
-    local got
-    got=$(complete_words "$@")
+# Rows: expected completions (blank-separated) | words.
+while IFS='|' read -r expected words; do
+    [ -z "$words" ] && continue
+    eval "set -- $words"
+    got=$(complete_words "$@" | tr '\n' ' ' | sed 's/ *$//')
+    expected=$(sed 's/^ *//; s/ *$//' <<<"$expected")
     if [ "$got" = "$expected" ]; then
-        echo "ok: $name"
+        echo "ok: $words"
     else
-        echo "FAILED: $name"; echo "expected:"; echo "$expected"; echo "got:"; echo "$got"
+        echo "FAILED: $words"; echo "  expected: $expected"; echo "  got:      $got"
         failures=$((failures + 1))
     fi
-}
-contains() {  # contains NAME LINE WORDS...
-    local name=$1 line=$2; shift 2
-    if complete_words "$@" | grep -qxF -- "$line"; then
-        echo "ok: $name"
-    else
-        echo "FAILED: $name (no $line)"; failures=$((failures + 1))
-    fi
-}
-
-expect "all command words" "$(printf '%s\n' autoclean nullid recoverid spaceinfo spacelist \
-    volchn volclean vollist volset voluse)" kelvo ""
-expect "command words by prefix" "$(printf '%s\n' volchn volclean vollist volset voluse)" kelvo vol
-expect "space names for vollist" "$(printf '%s\n' Archive Backup Recording)" kelvo vollist ""
-expect "space names by prefix for spaceinfo" "Recording" kelvo spaceinfo Re
-contains "volume names for volset" Rec1 kelvo volset ""
-contains "volume names for volchn" Backup1 kelvo volchn ""
-contains "volume names by prefix" Rec2 kelvo volchn Rec
-if complete_words kelvo volchn Rec | grep -qv '^Rec'; then
-    echo "FAILED: a volume name without the prefix"; failures=$((failures + 1))
-fi
-expect "volset type values" "$(printf '%s\n' 0 1)" kelvo volset Rec1 ""
-expect "volset state values" "1" kelvo volset Rec1 0 1
-expect "nothing after the last argument" "" kelvo vollist Recording ""
-expect "nothing for channel numbers" "" kelvo nullid ""
+done <<ROWS
+autoclean nullid recoverid spaceinfo spacelist volchn volclean vollist volset voluse | kelvo ''
+volchn volclean vollist volset voluse                  | kelvo vol
+Archive Backup Recording                               | kelvo vollist ''
+Recording                                              | kelvo spaceinfo Re
+Backup1 Backup2 Rec1 Rec2 Rec3 Spare1                  | kelvo volset ''
+Rec1 Rec2 Rec3                                         | kelvo volchn Rec
+0 1                                                    | kelvo volset Rec1 ''
+1                                                      | kelvo volset Rec1 0 1
+-1 0 1 2 3 4 5 7                                       | kelvo nullid ''
+-1                                                     | kelvo volclean -
+1                                                      | kelvo voluse 1
+                                                       | kelvo vollist Recording ''
+--crit= --format= --help --no-du --output= --version --warn= | kelvo-report ''
+--no-du                                                | kelvo-report --n
+check json prometheus                                  | kelvo-report --format = ''
+prometheus                                             | kelvo-report --format = p
+$tmp/out/metrics.prom                                  | kelvo-report --output = $tmp/out/m
+                                                       | kelvo-report --warn = ''
+ROWS
 [ "$failures" -eq 0 ]
