@@ -17,9 +17,10 @@ for page in "$src"/doc/kelvo.8 "$src"/doc/kelvo-report.8; do
     text=$(render 2>/dev/null | col -bx)
     wide=$(awk 'length($0) > 80' <<<"$text")
     [ -z "$wide" ] || fail "$name: lines wider than 80 columns:"$'\n'"$wide"
-    sections="NAME SYNOPSIS DESCRIPTION EXIT.STATUS ENVIRONMENT FILES EXAMPLES SEE.ALSO"
+    sections="NAME SYNOPSIS DESCRIPTION EXIT.STATUS ENVIRONMENT FILES CAUTIONS DIAGNOSTICS
+              EXAMPLES SEE.ALSO"
     case $name in
-    kelvo.8) sections="$sections COMMANDS CAUTIONS DIAGNOSTICS" ;;
+    kelvo.8) sections="$sections COMMANDS" ;;
     *) sections="$sections OPTIONS" ;;
     esac
     for section in $sections; do
@@ -43,5 +44,23 @@ fragments=$(grep -hv '^ *\(#\|//\)' "$src"/src/commands/*.cpp "$src"/src/main/ma
 while IFS= read -r fragment; do
     grep -qF -- "$fragment" <<<"$flat" || fail "kelvo.8: does not show \"$fragment\""
 done <<<"$fragments"
+
+# kelvo-report(8): every key of the JSON Schema, once the report ships it.
+schema=$src/doc/kelvo-report.schema.json
+if [ -f "$schema" ]; then
+    page=$src/doc/kelvo-report.8
+    flat=$(render 2>/dev/null | col -bx | tr -s ' \n' ' ')
+    keys=$(/usr/bin/python3 -c 'import json, sys
+def walk(node):
+    if isinstance(node, dict):
+        for key, value in node.get("properties", {}).items(): print(key)
+        for value in node.values(): walk(value)
+    elif isinstance(node, list):
+        for value in node: walk(value)
+walk(json.load(open(sys.argv[1])))' "$schema" | sort -u)
+    for key in $keys; do
+        grep -qw -- "$key" <<<"$flat" || fail "kelvo-report.8: no JSON key $key"
+    done
+fi
 [ "$failures" -eq 0 ] && echo "manual pages ok"
 [ "$failures" -eq 0 ]
