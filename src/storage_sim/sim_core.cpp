@@ -210,7 +210,8 @@ Stmt& Stmt::bind_blob(int index, const void* data, int size) {
 }
 
 bool Stmt::step() {
-    if (stmt_ == nullptr) return false;
+    // After an error the call is over: nothing more waits for a lock.
+    if (stmt_ == nullptr || (g_call_failed && g_call_depth > 0)) return false;
     int rc = sqlite3_step(stmt_);
     if (rc == SQLITE_ROW) return true;
     if (rc != SQLITE_DONE) record_error(sqlite3_errmsg(g_db));
