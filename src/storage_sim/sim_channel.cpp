@@ -92,9 +92,9 @@ long long period_named(uint32_t channel_id, const std::string& key) {
     std::string end = prefix_end(key);
     Stmt rows(end.empty()
                   ? "SELECT rowid, period_key, typeof(period_key) = 'text' FROM periods "
-                    "WHERE channel_id = ?1 AND (period_key >= ?2 OR period_key >= CAST(?2 AS BLOB))"
+                    "WHERE +channel_id = ?1 AND (period_key >= ?2 OR period_key >= CAST(?2 AS BLOB))"
                   : "SELECT rowid, period_key, typeof(period_key) = 'text' FROM periods "
-                    "WHERE channel_id = ?1 AND ((period_key >= ?2 AND period_key < ?3) OR "
+                    "WHERE +channel_id = ?1 AND ((period_key >= ?2 AND period_key < ?3) OR "
                     "(period_key >= CAST(?2 AS BLOB) AND period_key < CAST(?3 AS BLOB)))");
     rows.bind(1, static_cast<long long>(channel_id)).bind(2, key);
     if (!end.empty()) rows.bind(3, end);
