@@ -246,16 +246,17 @@ TEST(Faults, FailedPeriodQueryMakesUnitRecyclingSkipTheStream) {
     }
 }
 
-// A failed query reads as "no period": volclean then recycles the stream's
-// last 30 days, the folder of the period that the query missed included.
-TEST(Faults, FailedPeriodQueryMakesVolcleanRecycleTheWholeWindow) {
+// A failed query reads as "no period": volclean hands the tier the stream's
+// last 30 days, and the library still keeps the hours of the listed periods.
+TEST(Faults, FailedPeriodQueryLeavesVolcleanOnlyTheUnlistedHours) {
     Server s;
     s.sim.add_fault("query_time_periods", "0:4:1");
     expect_output(s.run({"volclean", "0"}), volclean_out("", {"NR S02"}));
     for (const std::string& fsu : {s.fsu1, s.fsu2}) {
         EXPECT_FALSE(s.sim.exists(s.old_folder(fsu)));
-        EXPECT_FALSE(s.sim.exists(s.kept_folder(fsu)));
+        EXPECT_TRUE(s.sim.exists(s.kept_folder(fsu)));
     }
+    EXPECT_TRUE(s.sim.exists(s.sim.hour_folder(s.fsu1, kt::sid(1), 4, 1, at(3, 10, 8))));
 }
 
 TEST(Faults, ProfilesThatCannotBeReadLeaveThePeriodsNull) {

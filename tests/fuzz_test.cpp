@@ -2,7 +2,8 @@
 // identifiers with zero bytes or no terminator, negative and huge numbers,
 // channel ids of 32 and more, paths of 1,000 characters, without "share/" or
 // with shell metacharacters, periods that end before they start, duplicates
-// of every kind and empty tables. Each run must exit 0 with nothing on
+// of every kind the schema allows and empty tables. Values are cut, padded
+// or narrowed to what the schema stores. Each run must exit 0 with nothing on
 // stderr (so no sanitizer report), run nothing through the shell, leave the
 // database alone unless the command writes, and write only what it may.
 //
@@ -13,6 +14,7 @@
 //                      data of a server with a finding
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <cstdint>
@@ -122,6 +124,17 @@ Value as_value(Random& r, const std::string& bytes) {
     return r.chance(0.2) ? Value::blob(bytes) : Value(bytes);
 }
 
+// What the schema stores: texts up to their field's width, uuids of exactly
+// 36 bytes (zero padded, as a record reads a short one), 32-bit numbers.
+std::string fit(const std::string& bytes, size_t width) { return bytes.substr(0, width); }
+std::string fit_uuid(std::string bytes) {
+    bytes.resize(36, '\0');
+    return bytes;
+}
+long long fit32(long long n) {
+    return n >= INT32_MIN && n <= static_cast<long long>(UINT32_MAX) ? n : static_cast<uint32_t>(n);
+}
+
 // Folder paths below a volume's path. Made with mkdir -p; failures (names
 // too long) are ignored, the volume then simply has no folder.
 void make_dirs(const std::string& path) {
@@ -193,6 +206,18 @@ std::string hour_folder(const std::string& fsu, const std::string& sid, long lon
     return fsu + "/" + name + tail;
 }
 
+// A fitted uuid that none of |places| has yet.
+std::string unique_uuid(Random& r, std::vector<std::string>& pool,
+                        const std::vector<Built::Place>& places) {
+    std::string uuid = fit_uuid(hostile_id(r, 36, pool));
+    for (size_t i = 0; i < places.size(); ++i) {
+        if (places[i].uuid != uuid) continue;
+        uuid = fit_uuid(plain_id(r, 36));
+        i = static_cast<size_t>(-1);  // check again from the first
+    }
+    return uuid;
+}
+
 long long saturating_add(long long a, long long b) {
     long long sum;
     if (__builtin_add_overflow(a, b, &sum)) return b > 0 ? LLONG_MAX : LLONG_MIN;
@@ -214,21 +239,22 @@ void add_spaces(SimServer& server, Random& r, Built& b) {
         switch (r.below(6)) {
         case 0: name = b.space_names.empty() ? "Main" : r.pick(b.space_names); break;
         case 1: name = ""; break;
-        case 2: name = std::string(600, 'S'); break;
+        case 2: name = std::string(512, 'S'); break;
         case 3: name = hostile_id(r, 12, b.names); break;
         default: name = "Space" + std::to_string(i); break;
         }
+        name = fit(name, 512);
         b.space_names.push_back(name);
-        std::string uuid = hostile_id(r, 36, b.uuids);
-        std::string group = hostile_id(r, 36, b.groups);
+        std::string uuid = unique_uuid(r, b.uuids, b.spaces);
+        std::string group = fit_uuid(hostile_id(r, 36, b.groups));
         b.spaces.push_back({uuid, group, ""});
         server.insert("spaces", {{"uuid", as_value(r, uuid)},
                                  {"name", as_value(r, name)},
                                  {"group_uuid", as_value(r, group)},
                                  {"total_size_mb", hostile_number(r)},
                                  {"used_size_mb", hostile_number(r)},
-                                 {"status", hostile_number(r)},
-                                 {"spare_status", hostile_number(r)}});
+                                 {"status", fit32(hostile_number(r))},
+                                 {"spare_status", fit32(hostile_number(r))}});
     }
 }
 
@@ -251,23 +277,24 @@ std::string volume_rest(Random& r, Built& b, size_t index) {
 void add_volumes(SimServer& server, Random& r, Built& b) {
     size_t count = r.chance(0.15) ? 0 : 1 + r.below(5);
     for (size_t i = 0; i < count; ++i) {
-        std::string rest = volume_rest(r, b, i);
-        b.volume_rests.push_back(rest);
         // Every volume path lies below the server's root.
-        std::string path = server.root() + "/" + rest;
-        std::string uuid = hostile_id(r, 36, b.uuids);
-        std::string group = r.chance(0.7) && !b.spaces.empty() ? r.pick(b.spaces).group
-                                                                : hostile_id(r, 36, b.groups);
+        std::string path = fit(server.root() + "/" + volume_rest(r, b, i), 1024);
+        std::string rest = path.substr(server.root().size() + 1);
+        b.volume_rests.push_back(rest);
+        std::string uuid = unique_uuid(r, b.uuids, b.volumes);
+        std::string group = r.chance(0.7) && !b.spaces.empty()
+                                ? r.pick(b.spaces).group
+                                : fit_uuid(hostile_id(r, 36, b.groups));
         server.insert("volumes", {{"uuid", as_value(r, uuid)},
                                   {"group_uuid", as_value(r, group)},
                                   {"path", Value(path)},
                                   {"volume_no", r.chance(0.5) ? static_cast<long long>(i + 1)
-                                                              : hostile_number(r)},
-                                  {"volume_type", hostile_number(r)},
-                                  {"state", hostile_number(r)},
+                                                              : fit32(hostile_number(r))},
+                                  {"volume_type", fit32(hostile_number(r))},
+                                  {"state", fit32(hostile_number(r))},
                                   {"total_size_mb", hostile_number(r)},
                                   {"used_size_mb", hostile_number(r)},
-                                  {"label", as_value(r, std::string(r.below(700), 'L'))}});
+                                  {"label", as_value(r, std::string(std::min<size_t>(r.below(700), 512), 'L'))}});
         b.volumes.push_back({uuid, group, ""});
         if (r.chance(0.25)) continue;  // no folders at all
         std::string fsu = fsu_of(path, uuid);
@@ -281,8 +308,8 @@ void add_volumes(SimServer& server, Random& r, Built& b) {
 void add_channels(SimServer& server, Random& r, Built& b) {
     size_t count = r.chance(0.15) ? 0 : 1 + r.below(6);
     for (size_t i = 0; i < count; ++i) {
-        long long id = r.chance(0.6) ? static_cast<long long>(r.below(8)) : hostile_number(r);
-        std::string sid = hostile_id(r, 32, b.sids);
+        long long id = r.chance(0.6) ? static_cast<long long>(r.below(8)) : fit32(hostile_number(r));
+        std::string sid = fit(hostile_id(r, 32, b.sids), 32);
         b.channels.push_back({id, sid});
         b.channel_ids.push_back(id);
         server.insert("channels", {{"channel_id", id}, {"sid", as_value(r, sid)}});
@@ -301,14 +328,14 @@ Value storage_id_value(Random& r, Built& b) {
     }
     case 4: return Value::blob("");
     case 5: return Value(hostile_number(r));
-    default: return as_value(r, hostile_id(r, 32, b.storage_ids));
+    default: return as_value(r, fit(hostile_id(r, 32, b.storage_ids), 32));
     }
 }
 
 std::string period_key(Random& r, size_t index) {
     std::string key = "k" + std::to_string(index) + "-";
     switch (r.below(8)) {
-    case 0: return key + std::string(100, 'K');
+    case 0: return fit(key + std::string(100, 'K'), 63);
     case 1: return key + std::string("\0tail", 5);
     case 2: return key + "$(touch kelvo_marker)";
     case 3: return index == 0 ? "" : key;
@@ -319,7 +346,7 @@ std::string period_key(Random& r, size_t index) {
 // The space, group and volume of a volume, as a profile names them.
 void add_profile_of(SimServer& server, Random& r, Built& b, const Built::Channel& channel,
                     const Built::Place& volume) {
-    std::string space = hostile_id(r, 36, b.uuids);
+    std::string space = fit_uuid(hostile_id(r, 36, b.uuids));
     for (const Built::Place& s : b.spaces)
         if (s.group == volume.group) space = s.uuid;
     server.insert("profiles", {{"channel_id", channel.id},
@@ -327,7 +354,8 @@ void add_profile_of(SimServer& server, Random& r, Built& b, const Built::Channel
                                {"space_uuid", as_value(r, space)},
                                {"group_uuid", as_value(r, volume.group)},
                                {"volume_uuid", as_value(r, volume.uuid)},
-                               {"storage_id", as_value(r, hostile_id(r, 32, b.storage_ids))}});
+                               {"storage_id",
+                                as_value(r, fit(hostile_id(r, 32, b.storage_ids), 32))}});
 }
 
 // An hour folder of a channel's stream on a random volume that has folders;
@@ -349,10 +377,11 @@ void add_periods(SimServer& server, Random& r, Built& b, long long now_ms) {
     size_t count = r.chance(0.15) ? 0 : r.below(40);
     for (size_t i = 0; i < count; ++i) {
         bool known = !b.channels.empty() && r.chance(0.8);
-        Built::Channel channel = known ? r.pick(b.channels)
-                                       : Built::Channel{hostile_number(r), std::string(32, '1')};
-        long long record_type = r.chance(0.45) ? 4 : r.chance(0.8) ? 1 : hostile_number(r);
-        long long stream = r.chance(0.85) ? r.between(0, 5) : hostile_number(r);
+        Built::Channel channel =
+            known ? r.pick(b.channels)
+                  : Built::Channel{fit32(hostile_number(r)), std::string(32, '1')};
+        long long record_type = r.chance(0.45) ? 4 : r.chance(0.8) ? 1 : fit32(hostile_number(r));
+        long long stream = r.chance(0.85) ? r.between(0, 5) : fit32(hostile_number(r));
         long long start = hostile_time(r, now_ms);
         long long end;
         if (r.chance(0.6)) end = saturating_add(start, r.between(0, 2 * 3600 * 1000));
@@ -382,21 +411,22 @@ void add_profiles(SimServer& server, Random& r, Built& b) {
     size_t count = r.chance(0.15) ? 0 : r.below(10);
     for (size_t i = 0; i < count; ++i) {
         bool known = !b.channels.empty() && r.chance(0.8);
-        Built::Channel channel = known ? r.pick(b.channels)
-                                       : Built::Channel{hostile_number(r), std::string(32, '0')};
+        Built::Channel channel =
+            known ? r.pick(b.channels)
+                  : Built::Channel{fit32(hostile_number(r)), std::string(32, '0')};
         // Most profiles name a real place: a volume, its group and its space.
         if (!b.volumes.empty() && r.chance(0.6)) {
             add_profile_of(server, r, b, channel, r.pick(b.volumes));
             continue;
         }
-        std::string sid = r.chance(0.75) ? channel.sid : hostile_id(r, 32, b.sids);
+        std::string sid = r.chance(0.75) ? channel.sid : fit(hostile_id(r, 32, b.sids), 32);
         server.insert("profiles",
                       {{"channel_id", channel.id},
                        {"sid", as_value(r, sid)},
-                       {"space_uuid", as_value(r, hostile_id(r, 36, b.uuids))},
-                       {"group_uuid", as_value(r, hostile_id(r, 36, b.groups))},
-                       {"volume_uuid", as_value(r, hostile_id(r, 36, b.uuids))},
-                       {"storage_id", as_value(r, hostile_id(r, 32, b.storage_ids))}});
+                       {"space_uuid", as_value(r, fit_uuid(hostile_id(r, 36, b.uuids)))},
+                       {"group_uuid", as_value(r, fit_uuid(hostile_id(r, 36, b.groups)))},
+                       {"volume_uuid", as_value(r, fit_uuid(hostile_id(r, 36, b.uuids)))},
+                       {"storage_id", as_value(r, fit(hostile_id(r, 32, b.storage_ids), 32))}});
     }
 }
 
@@ -404,12 +434,12 @@ void add_volume_channels(SimServer& server, Random& r, Built& b) {
     size_t count = r.chance(0.2) ? 0 : r.below(10);
     for (size_t i = 0; i < count; ++i) {
         long long channel = !b.channel_ids.empty() && r.chance(0.5) ? r.pick(b.channel_ids)
-                                                                    : hostile_number(r);
+                                                                    : fit32(hostile_number(r));
         server.insert("volume_channels",
                       {{"volume_no", r.chance(0.6) ? static_cast<long long>(r.below(6))
-                                                   : hostile_number(r)},
+                                                   : fit32(hostile_number(r))},
                        {"channel_id", channel},
-                       {"sid", as_value(r, hostile_id(r, 32, b.sids))}});
+                       {"sid", as_value(r, fit(hostile_id(r, 32, b.sids), 32))}});
     }
 }
 

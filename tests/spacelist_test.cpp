@@ -97,8 +97,8 @@ TEST(Spacelist, ZeroTotalAndHugeCountsAndLongNames) {
     SimServer server;
     server.add_space(kt::space_row(1, "Empty", 101));
     server.add_space(kt::space_row(2, "Full", 102, 0, 5));
-    // A 600-character name is stored as 512 bytes with no terminator.
-    server.add_space(kt::space_row(3, std::string(600, 'N'), 103, 1024));
+    // A 512-character name fills its field with no terminator.
+    server.add_space(kt::space_row(3, std::string(512, 'N'), 103, 1024));
     for (int i = 4; i <= 100; ++i)
         server.add_space(kt::space_row(i, "s" + std::to_string(i), 100 + i, 1024, 512, 1));
     kt::RunResult r = server.run({"spacelist"});

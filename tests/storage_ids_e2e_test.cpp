@@ -109,7 +109,7 @@ struct RepairServer {
     RepairServer() {
         server.add_space(kt::space_row(51, "S1", 101));
         server.add_space(kt::space_row(52, "S2", 102));
-        volume(5, 101, "/" + std::string(1100, 'p'), false);
+        volume(5, 101, "/" + std::string(1023, 'p'), false);
         volume(6, 101, std::string(210, 'a') + "/" + std::string(210, 'b'));
         volume(4, 109, "vol4");
         volume(1, 101, "vol1");

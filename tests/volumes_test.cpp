@@ -29,7 +29,7 @@ TEST(Vollist, ShowsOnlyTheFirstSpaceOfThatNameWithEveryTypeAndState) {
     const long long states[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, -1};
     for (int i = 0; i < 11; ++i) {
         // A volume of another space before each one of Rec.
-        s.add_volume(volume_row(10 + i, 101, "share/X" + std::to_string(i), 50 + i));
+        s.add_volume(volume_row(60 + i, 101, "share/X" + std::to_string(i), 50 + i));
         std::string path = i == 3 ? "mnt/raw3" : "share/V" + std::to_string(i);
         s.add_volume(volume_row(20 + i, 102, path, i, i == 0 ? 1023 : 4096, i == 0 ? 0 : 1024,
                                 i % 3, states[i]));

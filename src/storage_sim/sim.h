@@ -28,6 +28,31 @@ bool open_db();
 // ORN_LOG_FILE as an absolute path, resolved when the library was loaded;
 // empty when unset.
 const std::string& log_file_path();
+// Appends |line| and a newline to ORN_LOG_FILE when it is set.
+void append_log_line(const std::string& line);
+
+// How long a lock held by another process is waited for.
+const int kLockWaitMs = 10000;
+
+// One library call. Its statements share one transaction, so an SQLite error
+// anywhere in it leaves the database as it was; the call then fails and the
+// error's text goes to ORN_LOG_FILE. Calls inside a call join the outer one.
+class Call {
+public:
+    explicit Call(bool writes = false);
+    ~Call();
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
+
+    // Commits; false (after rolling back) when any statement of the call
+    // failed. Statements of the call must be reset (out of scope) by then.
+    bool finish();
+    bool failed() const;
+
+private:
+    bool owner_;
+    bool active_;
+};
 
 // A prepared statement from the process-wide cache, reset when it goes out
 // of scope. Bind indexes start at 1.
@@ -42,7 +67,7 @@ public:
     Stmt& bind(int index, long long value);
     Stmt& bind(int index, const std::string& text);
     Stmt& bind_blob(int index, const void* data, int size);
-    // True while a row is available.
+    // True while a row is available; an error fails the current call.
     bool step();
     long long int64(int col) const;
     // Raw bytes of a column (TEXT or BLOB); null pointer and size 0 for NULL.

@@ -25,6 +25,11 @@ std::map<std::string, sqlite3_stmt*>& statement_cache() {
     return cache;
 }
 
+void statement_cache_clear() {
+    for (auto& entry : statement_cache()) sqlite3_finalize(entry.second);
+    statement_cache().clear();
+}
+
 // Relative paths are taken from the working directory at the time of the
 // call, so resolve them before anything changes it.
 std::string absolute_path(const char* path) {
@@ -40,32 +45,57 @@ std::string resolve_log_file() { return absolute_path(getenv("ORN_LOG_FILE")); }
 
 const std::string g_log_file = resolve_log_file();
 
-const char* const kTables[] = {"spaces",  "volumes",         "channels", "periods",
-                               "profiles", "volume_channels", "faults",   "settings",
-                               "call_log"};
+// Every table with every column the library reads or writes. Preparing a
+// SELECT of them fails when one is missing.
+const char* const kSchemaChecks[] = {
+    "SELECT uuid, name, group_uuid, total_size_mb, used_size_mb, status, spare_status "
+    "FROM spaces",
+    "SELECT uuid, group_uuid, path, volume_no, volume_type, state, total_size_mb, "
+    "used_size_mb, label FROM volumes",
+    "SELECT channel_id, sid FROM channels",
+    "SELECT channel_id, record_type, stream, start_ms, end_ms, storage_id, period_key, size_mb "
+    "FROM periods",
+    "SELECT channel_id, sid, space_uuid, group_uuid, volume_uuid, storage_id FROM profiles",
+    "SELECT volume_no, channel_id, sid FROM volume_channels",
+    "SELECT op, target, result FROM faults",
+    "SELECT key, value FROM settings",
+    "SELECT seq, op, args, result FROM call_log"};
 
 bool has_schema(sqlite3* handle) {
-    for (const char* table : kTables) {
+    for (const char* sql : kSchemaChecks) {
         sqlite3_stmt* stmt = nullptr;
-        if (sqlite3_prepare_v2(handle,
-                               "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?1",
-                               -1, &stmt, nullptr) != SQLITE_OK) {
-            sqlite3_finalize(stmt);
-            return false;
-        }
-        sqlite3_bind_text(stmt, 1, table, -1, SQLITE_STATIC);
-        bool found = sqlite3_step(stmt) == SQLITE_ROW;
+        int rc = sqlite3_prepare_v2(handle, sql, -1, &stmt, nullptr);
         sqlite3_finalize(stmt);
-        if (!found) return false;
+        if (rc != SQLITE_OK) return false;
     }
     return true;
 }
 
+// The call in progress: nesting depth and whether a statement of it failed,
+// with the first error's text.
+int g_call_depth = 0;
+bool g_call_failed = false;
+std::string g_call_error;
+
 }  // namespace
+
+void append_log_line(const std::string& line) {
+    const std::string& path = log_file_path();
+    if (path.empty()) return;
+    FILE* file = fopen(path.c_str(), "a");
+    if (file == nullptr) return;
+    fprintf(file, "%s\n", line.c_str());
+    fclose(file);
+}
 
 sqlite3* db() { return g_db; }
 
 const std::string& log_file_path() { return g_log_file; }
+
+void record_error(const char* text) {
+    if (!g_call_failed) g_call_error = text ? text : "unknown error";
+    g_call_failed = true;
+}
 
 bool open_db() {
     if (g_db != nullptr) return true;
@@ -75,22 +105,69 @@ bool open_db() {
     std::string path = absolute_path(env ? env : "/var/lib/ornstorage/storage.db");
     sqlite3* handle = nullptr;
     if (sqlite3_open_v2(path.c_str(), &handle, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+        append_log_line(handle ? sqlite3_errmsg(handle) : "out of memory");
         sqlite3_close(handle);
         return false;
     }
-    sqlite3_busy_timeout(handle, 5000);
+    sqlite3_busy_timeout(handle, kLockWaitMs);
     // A channel's queries touch the same table pages again and again; a 16 MiB
     // page cache keeps them, at a memory cost that does not grow with the data.
     sqlite3_exec(handle, "PRAGMA cache_size = -16384", nullptr, nullptr, nullptr);
     if (!has_schema(handle)) {
+        append_log_line(sqlite3_errmsg(handle));
         sqlite3_close(handle);
         return false;
     }
     g_db = handle;
-    Stmt trace("SELECT value FROM settings WHERE key = 'trace'");
-    g_trace = trace.step() && trace.int64(0) == 1;
-    return true;
+    Call call;
+    {
+        Stmt trace("SELECT value FROM settings WHERE key = 'trace'");
+        g_trace = trace.step() && trace.int64(0) == 1;
+    }
+    if (call.finish()) return true;
+    // A database that cannot be read now is no server for this process.
+    statement_cache_clear();
+    sqlite3_close(handle);
+    g_db = nullptr;
+    g_trace = false;
+    return false;
 }
+
+Call::Call(bool writes) : owner_(g_call_depth++ == 0), active_(false) {
+    if (!owner_) return;
+    g_call_failed = false;
+    g_call_error.clear();
+    if (g_db == nullptr) return;
+    // Calls that write take the write lock first: waiting for it is safe,
+    // upgrading a read lock later is not.
+    const char* begin = writes || g_trace ? "BEGIN IMMEDIATE" : "BEGIN";
+    if (sqlite3_exec(g_db, begin, nullptr, nullptr, nullptr) == SQLITE_OK)
+        active_ = true;
+    else
+        record_error(sqlite3_errmsg(g_db));
+}
+
+Call::~Call() {
+    if (owner_) finish();
+    --g_call_depth;
+}
+
+bool Call::finish() {
+    if (!owner_) return !g_call_failed;
+    if (active_) {
+        active_ = false;
+        if (!g_call_failed && sqlite3_exec(g_db, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK)
+            record_error(sqlite3_errmsg(g_db));
+        if (g_call_failed) sqlite3_exec(g_db, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    if (g_call_failed && !g_call_error.empty()) {
+        append_log_line(g_call_error);
+        g_call_error.clear();
+    }
+    return !g_call_failed;
+}
+
+bool Call::failed() const { return g_call_failed; }
 
 Stmt::Stmt(const char* sql) : stmt_(nullptr) {
     if (g_db == nullptr) return;
@@ -101,6 +178,7 @@ Stmt::Stmt(const char* sql) : stmt_(nullptr) {
         return;
     }
     if (sqlite3_prepare_v2(g_db, sql, -1, &stmt_, nullptr) != SQLITE_OK) {
+        record_error(sqlite3_errmsg(g_db));
         sqlite3_finalize(stmt_);
         stmt_ = nullptr;
         return;
@@ -131,7 +209,14 @@ Stmt& Stmt::bind_blob(int index, const void* data, int size) {
     return *this;
 }
 
-bool Stmt::step() { return stmt_ != nullptr && sqlite3_step(stmt_) == SQLITE_ROW; }
+bool Stmt::step() {
+    // After an error the call is over: nothing more waits for a lock.
+    if (stmt_ == nullptr || (g_call_failed && g_call_depth > 0)) return false;
+    int rc = sqlite3_step(stmt_);
+    if (rc == SQLITE_ROW) return true;
+    if (rc != SQLITE_DONE) record_error(sqlite3_errmsg(g_db));
+    return false;
+}
 
 long long Stmt::int64(int col) const { return sqlite3_column_int64(stmt_, col); }
 
@@ -200,10 +285,12 @@ void write_log_row(const char* op, std::initializer_list<Arg> args, const long l
 }  // namespace
 
 void log_call(const char* op, std::initializer_list<Arg> args) {
+    Call call;
     write_log_row(op, args, nullptr);
 }
 
 void log_call(const char* op, std::initializer_list<Arg> args, long long result) {
+    Call call;
     write_log_row(op, args, &result);
 }
 
@@ -253,10 +340,5 @@ void log_Debug(const char* format, ...) {
     vsnprintf(message, sizeof(message), format, args);
     va_end(args);
     sim::log_call("log_Debug", {sim::arg("message", message)});
-    const std::string& path = sim::log_file_path();
-    if (path.empty()) return;
-    FILE* file = fopen(path.c_str(), "a");
-    if (file == nullptr) return;
-    fprintf(file, "%s\n", message);
-    fclose(file);
+    sim::append_log_line(message);
 }

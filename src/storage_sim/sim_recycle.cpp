@@ -1,12 +1,16 @@
 // Recycling engines: remove the hour folders of one stream that lie wholly
-// inside a time range, on every volume of a space (tier) or on one volume
-// (unit). Folders are walked through directory handles and symlinks are
-// never followed, so nothing outside a stream folder can be removed.
+// inside a time range and hold no part of a period the database lists, on
+// every volume of a space (tier) or on one volume (unit). Folders are walked
+// through directory handles on the stream folder's own file system, symlinks
+// are never followed, and volumes or sids that could name a folder elsewhere
+// are skipped, so nothing outside a stream folder can be removed.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -48,6 +52,42 @@ std::vector<VolumeFolder> bound_volumes(const char* sql, const std::string& uuid
     return volumes;
 }
 
+// A period's time span, whichever of its ends comes first.
+struct Span {
+    long long first, last;
+};
+
+// Spans of the stream's periods that reach into [from_ms, to_ms]; a 32-bit
+// field matches its value stored either signed or unsigned.
+std::vector<Span> listed_spans(const stream_info& info, long long from_ms, long long to_ms) {
+    auto both_forms = [](uint32_t v) { return static_cast<long long>(v) - (1LL << 32); };
+    Stmt rows(
+        "SELECT start_ms, end_ms FROM periods WHERE channel_id IN (?1, ?2) "
+        "AND record_type IN (?3, ?4) AND stream IN (?5, ?6) AND (typeof(start_ms) <> 'integer' "
+        "OR typeof(end_ms) <> 'integer' OR (min(start_ms, end_ms) <= ?8 "
+        "AND max(start_ms, end_ms) >= ?7))");
+    rows.bind(1, static_cast<long long>(info.channel_id))
+        .bind(2, both_forms(info.channel_id))
+        .bind(3, static_cast<long long>(info.record_type))
+        .bind(4, both_forms(info.record_type))
+        .bind(5, static_cast<long long>(info.stream))
+        .bind(6, both_forms(info.stream))
+        .bind(7, from_ms)
+        .bind(8, to_ms);
+    std::vector<Span> spans;
+    while (rows.step()) {
+        long long start = rows.int64(0), end = rows.int64(1);
+        spans.push_back({std::min(start, end), std::max(start, end)});
+    }
+    return spans;
+}
+
+bool any_overlap(const std::vector<Span>& spans, long long first, long long last) {
+    for (const Span& span : spans)
+        if (span.first <= last && span.last >= first) return true;
+    return false;
+}
+
 bool row_exists(const char* sql, const std::string& uuid) {
     Stmt rows(sql);
     rows.bind(1, uuid);
@@ -62,6 +102,23 @@ int open_folder_at(int parent, const char* name) {
 bool is_folder_at(int parent, const char* name) {
     struct stat st;
     return fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
+}
+
+// Whether the entry |name| of |parent| (not followed) lies on |device|.
+bool on_device_at(int parent, const char* name, dev_t device) {
+    struct stat st;
+    return fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && st.st_dev == device;
+}
+
+// Opens the folder |name| of |parent| when it lies on |device|; -1 otherwise.
+int open_folder_on(int parent, const char* name, dev_t device) {
+    int fd = open_folder_at(parent, name);
+    struct stat st;
+    if (fd >= 0 && (fstat(fd, &st) != 0 || st.st_dev != device)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 // Names inside the folder |fd|, without "." and "..". Reading all names
@@ -83,20 +140,23 @@ std::vector<std::string> folder_entries(int fd) {
     return names;
 }
 
-// Removes the folder |name| inside |parent| with everything below it.
-// Symlinks inside are removed as links, never followed.
-bool remove_tree_at(int parent, const char* name) {
-    int fd = open_folder_at(parent, name);
+// Removes the folder |name| inside |parent| with everything below it that
+// lies on |device|; what is mounted from elsewhere stays, with the folders
+// above it. Symlinks inside are removed as links, never followed.
+bool remove_tree_at(int parent, const char* name, dev_t device) {
+    int fd = open_folder_on(parent, name, device);
     if (fd < 0) return false;
     bool ok = true;
     for (const std::string& entry : folder_entries(fd)) {
-        if (is_folder_at(fd, entry.c_str()))
-            ok = remove_tree_at(fd, entry.c_str()) && ok;
+        if (!on_device_at(fd, entry.c_str(), device))
+            ok = false;
+        else if (is_folder_at(fd, entry.c_str()))
+            ok = remove_tree_at(fd, entry.c_str(), device) && ok;
         else if (unlinkat(fd, entry.c_str(), 0) != 0)
             ok = false;
     }
     close(fd);
-    return unlinkat(parent, name, AT_REMOVEDIR) == 0 && ok;
+    return ok && unlinkat(parent, name, AT_REMOVEDIR) == 0;
 }
 
 bool all_digits(const char* text, size_t count) {
@@ -144,41 +204,71 @@ long long local_hour_start_ms(const struct tm& day, int hour) {
     return static_cast<long long>(mktime(&t)) * 1000;
 }
 
+// What one recycling call may remove: hours wholly in [from_ms, to_ms]
+// that hold no part of a listed period, on the stream folder's device.
+struct Recycling {
+    long long from_ms, to_ms;
+    std::vector<Span> listed;
+    dev_t device;
+};
+
 // Whether the hour, from its local start to one millisecond before the next
-// hour's local start, lies wholly in [from_ms, to_ms].
-bool hour_inside(const struct tm& day, int hour, long long from_ms, long long to_ms) {
+// hour's local start, lies wholly in the range and outside every listed period.
+bool hour_removable(const struct tm& day, int hour, const Recycling& r) {
     long long start = local_hour_start_ms(day, hour);
     long long end = local_hour_start_ms(day, hour + 1) - 1;
-    return start >= from_ms && end <= to_ms;
+    return start >= r.from_ms && end <= r.to_ms && !any_overlap(r.listed, start, end);
 }
 
-// Removes the hour folders of one day folder that lie in the range.
-bool recycle_day(int stream_fd, const char* name, long long from_ms, long long to_ms) {
+// Removes the hour folders of one day folder that may go.
+bool recycle_day(int stream_fd, const char* name, const Recycling& r) {
     struct tm day;
     if (!parse_day(name, day) || !is_folder_at(stream_fd, name)) return true;
-    int fd = open_folder_at(stream_fd, name);
+    int fd = open_folder_on(stream_fd, name, r.device);
     if (fd < 0) return false;
     bool ok = true;
     for (const std::string& entry : folder_entries(fd)) {
         int hour = 0;
         if (parse_hour(entry.c_str(), hour) && is_folder_at(fd, entry.c_str()) &&
-            hour_inside(day, hour, from_ms, to_ms))
-            ok = remove_tree_at(fd, entry.c_str()) && ok;
+            hour_removable(day, hour, r))
+            ok = remove_tree_at(fd, entry.c_str(), r.device) && ok;
     }
     close(fd);
     return ok;
 }
 
-// A single path component: not empty, no '/', not "." or "..".
-bool plain_name(const std::string& name) {
-    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+bool id_chars(const std::string& text, const char* extra) {
+    for (char c : text)
+        if (!std::isalnum(static_cast<unsigned char>(c)) && std::strchr(extra, c) == nullptr)
+            return false;
+    return true;
+}
+
+// An absolute path without zero bytes and without "." or ".." components.
+bool safe_path(const std::string& path) {
+    if (path.empty() || path[0] != '/' || path.find('\0') != std::string::npos) return false;
+    size_t start = 0;
+    while (start <= path.size()) {
+        size_t end = path.find('/', start);
+        if (end == std::string::npos) end = path.size();
+        std::string part = path.substr(start, end - start);
+        if (part == "." || part == "..") return false;
+        start = end + 1;
+    }
+    return true;
+}
+
+// The FSU folder of a volume, empty when its path or uuid could lead
+// anywhere but below the volume folder.
+std::string fsu_folder(const VolumeFolder& volume) {
+    if (!safe_path(volume.path) || volume.uuid.size() < 36) return "";
+    std::string tail = volume.uuid.substr(4, 32);
+    return id_chars(tail, "-") ? volume.path + "/FSU_" + tail : "";
 }
 
 // Opens <fsu>/<sid>/<record_type>/<stream> without following symlinks
 // below the volume's own path. -1 when any part is missing.
-int open_stream_folder(const std::string& fsu, const stream_info& info) {
-    std::string sid = field_text(info.sid, sizeof(info.sid));
-    if (!plain_name(sid)) return -1;
+int open_stream_folder(const std::string& fsu, const std::string& sid, const stream_info& info) {
     int fd = open(fsu.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     const std::string parts[] = {sid, std::to_string(info.record_type),
                                  std::to_string(info.stream)};
@@ -192,18 +282,24 @@ int open_stream_folder(const std::string& fsu, const stream_info& info) {
 }
 
 // Recycles one stream on one volume; a missing stream folder is no error.
-bool recycle_volume(const VolumeFolder& volume, const stream_info& info, long long from_ms,
-                    long long to_ms) {
-    std::string tail = volume.uuid.size() > 4 ? volume.uuid.substr(4, 32) : std::string();
-    int fd = open_stream_folder(volume.path + "/FSU_" + tail, info);
+bool recycle_volume(const std::string& fsu, const std::string& sid, const stream_info& info,
+                    Recycling& r) {
+    int fd = open_stream_folder(fsu, sid, info);
     if (fd < 0) return true;
+    struct stat st;
+    if (fstat(fd, &st) != 0) {
+        close(fd);
+        return false;
+    }
+    r.device = st.st_dev;
     bool ok = true;
     std::vector<std::string> days = folder_entries(fd);
-    for (const std::string& day : days) ok = recycle_day(fd, day.c_str(), from_ms, to_ms) && ok;
+    for (const std::string& day : days) ok = recycle_day(fd, day.c_str(), r) && ok;
     struct tm unused;
     for (const std::string& day : days) {
         // Only empty day folders go; rmdir refuses the others.
         if (parse_day(day.c_str(), unused) && is_folder_at(fd, day.c_str()) &&
+            on_device_at(fd, day.c_str(), r.device) &&
             unlinkat(fd, day.c_str(), AT_REMOVEDIR) != 0 && errno != ENOTEMPTY && errno != EEXIST)
             ok = false;
     }
@@ -214,22 +310,36 @@ bool recycle_volume(const VolumeFolder& volume, const stream_info& info, long lo
 int engine_init(const char* op, const char* fault_op, const char* exists_sql, const ornsid& id,
                 char bound_uuid[36], bool& bound) {
     std::string uuid = uuid_text(id);
+    Call call;
     int result = 0;
     if (!fault(fault_op, uuid, false, &result)) result = row_exists(exists_sql, uuid) ? 0 : -1;
+    log_call(op, {arg("uuid", uuid)}, result);
+    if (!call.finish()) result = -1;
     bound = result == 0;
     if (bound) std::memcpy(bound_uuid, id.uuid, sizeof(id.uuid));
-    log_call(op, {arg("uuid", uuid)}, result);
     return result;
 }
 
 int engine_recycle(const char* engine, const char* volumes_sql, const char bound_uuid[36],
                    bool bound, const stream_info& info, long long from_ms, long long to_ms) {
     std::string uuid = field_text(bound_uuid, 36);
+    std::string sid = field_text(info.sid, sizeof(info.sid));
+    // The database stays read-locked while folders go, so no period can be
+    // listed between the look-up and the removal.
+    Call call;
     int result = -1;
     if (bound) {
-        bool ok = true;
-        for (const VolumeFolder& volume : bound_volumes(volumes_sql, uuid))
-            ok = recycle_volume(volume, info, from_ms, to_ms) && ok;
+        std::vector<VolumeFolder> volumes = bound_volumes(volumes_sql, uuid);
+        Recycling r{from_ms, to_ms, listed_spans(info, from_ms, to_ms), 0};
+        // Nothing goes when the database could not be read.
+        bool ok = !call.failed() && !sid.empty() && id_chars(sid, "-_");
+        if (ok) {
+            for (const VolumeFolder& volume : volumes) {
+                // A volume that could lead elsewhere is skipped; the others go on.
+                std::string fsu = fsu_folder(volume);
+                ok = (!fsu.empty() && recycle_volume(fsu, sid, info, r)) && ok;
+            }
+        }
         result = ok ? 0 : -1;
     }
     log_call("recycle_channel_data",
@@ -240,7 +350,7 @@ int engine_recycle(const char* engine, const char* volumes_sql, const char bound
               arg("record_type", static_cast<long long>(info.record_type)),
               arg("from_ms", from_ms), arg("to_ms", to_ms)},
              result);
-    return result;
+    return call.finish() ? result : -1;
 }
 
 int engine_uninit(const char* op, char bound_uuid[36], bool& bound) {

@@ -98,83 +98,103 @@ int ChannelConfiguration::get_recording_days(int record_type, int value,
         id_texts.push_back(field_text(id.storage_id, sizeof(id.storage_id)));
         ids.insert(std::string(id.storage_id, sizeof(id.storage_id)));
     }
+    Call call;
+    std::set<Day> found;
+    if (days != nullptr) {
+        Stmt rows(
+            "SELECT start_ms, storage_id FROM periods WHERE channel_id = ?1 AND record_type = ?2 "
+            "ORDER BY rowid");
+        rows.bind(1, static_cast<long long>(channel_id_)).bind(2, record_type);
+        while (rows.step()) {
+            int size = 0;
+            const unsigned char* data = rows.bytes(1, &size);
+            if (ids.count(storage_id_bytes(data, size)) == 0) continue;
+            time_t seconds = static_cast<time_t>(floor_seconds(rows.int64(0)));
+            struct tm local = {};
+            if (localtime_r(&seconds, &local) == nullptr) continue;
+            found.emplace(local.tm_year + 1900LL, local.tm_mon + 1, local.tm_mday);
+        }
+    }
     log_call("get_recording_days",
              {arg("channel_id", static_cast<long long>(channel_id_)),
               arg("record_type", record_type), arg("value", value),
               arg("storage_ids", id_texts)},
              0);
-    if (days == nullptr) return 0;
-
-    std::set<Day> found;
-    Stmt rows(
-        "SELECT start_ms, storage_id FROM periods WHERE channel_id = ?1 AND record_type = ?2 "
-        "ORDER BY rowid");
-    rows.bind(1, static_cast<long long>(channel_id_)).bind(2, record_type);
-    while (rows.step()) {
-        int size = 0;
-        const unsigned char* data = rows.bytes(1, &size);
-        if (ids.count(storage_id_bytes(data, size)) == 0) continue;
-        time_t seconds = static_cast<time_t>(floor_seconds(rows.int64(0)));
-        struct tm local = {};
-        if (localtime_r(&seconds, &local) == nullptr) continue;
-        found.emplace(local.tm_year + 1900LL, local.tm_mon + 1, local.tm_mday);
-    }
-    return hand_out_days(found, days);
+    if (!call.finish()) return -1;
+    return days == nullptr ? 0 : hand_out_days(found, days);
 }
 
 }  // namespace
 
 int StorageSetting::get_total_recording_size(ornsid space_uuid, channel_sid channel,
                                              long long* size_mb) {
+    Call call;
+    long long sum = 0;
+    {
+        std::set<std::string> ids = profile_storage_ids(space_uuid, channel.channel_id);
+        Stmt rows("SELECT storage_id, size_mb FROM periods WHERE channel_id = ?1");
+        rows.bind(1, static_cast<long long>(channel.channel_id));
+        sum = sum_sizes(rows, ids);
+    }
     log_call("get_total_recording_size",
              {arg("space_uuid", uuid_text(space_uuid)),
               arg("channel_id", static_cast<long long>(channel.channel_id))},
              0);
-    std::set<std::string> ids = profile_storage_ids(space_uuid, channel.channel_id);
-    Stmt rows("SELECT storage_id, size_mb FROM periods WHERE channel_id = ?1");
-    rows.bind(1, static_cast<long long>(channel.channel_id));
-    long long sum = sum_sizes(rows, ids);
+    if (!call.finish()) return -1;
     if (size_mb != nullptr) *size_mb = sum;
     return 0;
 }
 
 int StorageSetting::get_recording_size(ornsid space_uuid, channel_sid channel, int record_type,
                                        long long* size_mb) {
+    Call call;
+    long long sum = 0;
+    {
+        std::set<std::string> ids = profile_storage_ids(space_uuid, channel.channel_id);
+        Stmt rows(
+            "SELECT storage_id, size_mb FROM periods WHERE channel_id = ?1 AND record_type = ?2");
+        rows.bind(1, static_cast<long long>(channel.channel_id)).bind(2, record_type);
+        sum = sum_sizes(rows, ids);
+    }
     log_call("get_recording_size",
              {arg("space_uuid", uuid_text(space_uuid)),
               arg("channel_id", static_cast<long long>(channel.channel_id)),
               arg("record_type", record_type)},
              0);
-    std::set<std::string> ids = profile_storage_ids(space_uuid, channel.channel_id);
-    Stmt rows(
-        "SELECT storage_id, size_mb FROM periods WHERE channel_id = ?1 AND record_type = ?2");
-    rows.bind(1, static_cast<long long>(channel.channel_id)).bind(2, record_type);
-    long long sum = sum_sizes(rows, ids);
+    if (!call.finish()) return -1;
     if (size_mb != nullptr) *size_mb = sum;
     return 0;
 }
 
 int StorageSetting::get_storage_id_profile_list(ornsid space_uuid,
                                                 std::list<TStoreIDProfile>& profiles) {
-    log_call("get_storage_id_profile_list", {arg("space_uuid", uuid_text(space_uuid))}, 0);
-    static const std::string sql =
-        std::string("SELECT ") + kProfileColumns + " FROM profiles ORDER BY rowid";
-    Stmt rows(sql.c_str());
-    while (rows.step()) {
-        TStoreIDProfile profile;
-        fill_profile(rows, profile);
-        if (same_space(profile.location.space_uuid, space_uuid)) profiles.push_back(profile);
+    Call call;
+    std::list<TStoreIDProfile> found;
+    {
+        static const std::string sql =
+            std::string("SELECT ") + kProfileColumns + " FROM profiles ORDER BY rowid";
+        Stmt rows(sql.c_str());
+        while (rows.step()) {
+            TStoreIDProfile profile;
+            fill_profile(rows, profile);
+            if (same_space(profile.location.space_uuid, space_uuid)) found.push_back(profile);
+        }
     }
+    log_call("get_storage_id_profile_list", {arg("space_uuid", uuid_text(space_uuid))}, 0);
+    if (!call.finish()) return -1;
+    profiles.splice(profiles.end(), found);
     return 0;
 }
 
 int create_channel_configuration(channel_sid channel, IChannelStorageConfiguration** config) {
+    Call call;
     int result = 0;
     bool failed = fault("create_channel_configuration", std::to_string(channel.channel_id), true,
                         &result);
     log_call("create_channel_configuration",
              {arg("channel_id", static_cast<long long>(channel.channel_id))},
              failed ? result : 0);
+    if (!call.finish()) return -1;
     if (failed) return result;
     if (config != nullptr) *config = new ChannelConfiguration(channel.channel_id);
     return 0;

@@ -1,6 +1,8 @@
 // COrnStorage and the storage setting: spaces, volumes, channel settings and
 // the stored setting of one volume.
 #include <cstdint>
+#include <list>
+#include <string>
 
 #include "sim.h"
 
@@ -45,50 +47,62 @@ void fill_profile(const Stmt& row, TStoreIDProfile& profile) {
     copy_field(profile.storage_id, sizeof(profile.storage_id), data, size);
 }
 
-int StorageSetting::get_space_list(std::list<TSpaceInfo>& spaces) {
-    log_call("get_space_list", {}, 0);
-    Stmt rows(
-        "SELECT uuid, name, group_uuid, total_size_mb, used_size_mb, status, spare_status "
-        "FROM spaces ORDER BY rowid");
-    while (rows.step()) {
-        spaces.emplace_back();
-        TSpaceInfo& space = spaces.back();
-        int size = 0;
-        const unsigned char* data = rows.bytes(0, &size);
-        copy_uuid(space.uuid, data, size);
-        data = rows.bytes(1, &size);
-        copy_field(space.name, sizeof(space.name), data, size);
-        data = rows.bytes(2, &size);
-        copy_uuid(space.group_uuid, data, size);
-        space.total_size_mb = rows.int64(3);
-        space.used_size_mb = rows.int64(4);
-        space.status = static_cast<uint32_t>(rows.int64(5));
-        space.spare_status = static_cast<int32_t>(rows.int64(6));
+namespace {
+
+// Appends every row of |sql| to |out| as |fill| makes it, in one call:
+// nothing is appended when reading fails.
+template <typename Record, typename Fill>
+int read_list(const char* op, std::initializer_list<Arg> args, const char* sql, Fill fill,
+              std::list<Record>& out) {
+    Call call;
+    std::list<Record> found;
+    {
+        Stmt rows(sql);
+        while (rows.step()) {
+            found.emplace_back();
+            fill(rows, found.back());
+        }
     }
+    log_call(op, args, 0);
+    if (!call.finish()) return -1;
+    out.splice(out.end(), found);
     return 0;
 }
 
+void fill_space(const Stmt& rows, TSpaceInfo& space) {
+    int size = 0;
+    const unsigned char* data = rows.bytes(0, &size);
+    copy_uuid(space.uuid, data, size);
+    data = rows.bytes(1, &size);
+    copy_field(space.name, sizeof(space.name), data, size);
+    data = rows.bytes(2, &size);
+    copy_uuid(space.group_uuid, data, size);
+    space.total_size_mb = rows.int64(3);
+    space.used_size_mb = rows.int64(4);
+    space.status = static_cast<uint32_t>(rows.int64(5));
+    space.spare_status = static_cast<int32_t>(rows.int64(6));
+}
+
+}  // namespace
+
+int StorageSetting::get_space_list(std::list<TSpaceInfo>& spaces) {
+    return read_list("get_space_list", {},
+                     "SELECT uuid, name, group_uuid, total_size_mb, used_size_mb, status, "
+                     "spare_status FROM spaces ORDER BY rowid",
+                     fill_space, spaces);
+}
+
 int StorageSetting::get_volume_list(std::list<TVolumeInfo>& volumes) {
-    log_call("get_volume_list", {}, 0);
     static const std::string sql =
         std::string("SELECT ") + kVolumeColumns + " FROM volumes ORDER BY rowid";
-    Stmt rows(sql.c_str());
-    while (rows.step()) {
-        volumes.emplace_back();
-        fill_volume(rows, volumes.back());
-    }
-    return 0;
+    return read_list("get_volume_list", {}, sql.c_str(), fill_volume, volumes);
 }
 
 int StorageSetting::get_channel_setting_list(std::list<TChannelStorageSetting>& settings,
                                              int flag) {
-    log_call("get_channel_setting_list", {arg("flag", flag)}, 0);
-    Stmt rows("SELECT channel_id, sid FROM channels ORDER BY rowid");
-    while (rows.step()) {
-        settings.emplace_back();
-        fill_channel(rows, settings.back());
-    }
-    return 0;
+    return read_list("get_channel_setting_list", {arg("flag", flag)},
+                     "SELECT channel_id, sid FROM channels ORDER BY rowid",
+                     fill_channel<TChannelStorageSetting>, settings);
 }
 
 }  // namespace sim
@@ -99,10 +113,11 @@ COrnStorage::~COrnStorage() { sim::log_call("~COrnStorage", {}); }
 
 void COrnStorage::create_storage_setting(IStorageSetting** setting) {
     if (!sim::open_db()) return;
+    sim::Call call;
     int result = 0;
     bool failed = sim::fault("create_storage_setting", "*", false, &result);
     sim::log_call("create_storage_setting", {});
-    if (failed) return;
+    if (!call.finish() || failed) return;
     *setting = new sim::StorageSetting();
 }
 

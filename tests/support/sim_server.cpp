@@ -103,7 +103,7 @@ Profile profile_row(long long channel, const std::string& sid, int space, int gr
     return {channel, sid, uuid(space), uuid(group), uuid(volume), storage_id};
 }
 
-SimServer::SimServer(const std::string& tz) : tz_(tz), db_(nullptr) {
+SimServer::SimServer(const std::string& tz, const std::string& schema) : tz_(tz), db_(nullptr) {
     setenv("TZ", tz.c_str(), 1);
     tzset();
     char pattern[] = "/tmp/kelvo-test-XXXXXX";
@@ -115,7 +115,7 @@ SimServer::SimServer(const std::string& tz) : tz_(tz), db_(nullptr) {
     if (sqlite3_open(db_path_.c_str(), &db) != SQLITE_OK)
         throw std::runtime_error("cannot create test database");
     db_ = db;
-    exec(read_file(KELVO_SCHEMA));
+    exec(schema.empty() ? read_file(KELVO_SCHEMA) : schema);
 }
 
 SimServer::~SimServer() {

@@ -103,7 +103,8 @@ Profile profile_row(long long channel, const std::string& sid, int space, int gr
 class SimServer {
 public:
     // Sets TZ for this process too, so local times agree with kelvo's.
-    explicit SimServer(const std::string& tz = "UTC");
+    // |schema| replaces the schema file's DDL when given.
+    explicit SimServer(const std::string& tz = "UTC", const std::string& schema = "");
     ~SimServer();
     SimServer(const SimServer&) = delete;
     SimServer& operator=(const SimServer&) = delete;
