@@ -4,9 +4,11 @@
 set -eu
 
 # The package, manual page and completion tests need dpkg-dev, groff-base,
-# man-db and bsdextrautils (col).
+# man-db and bsdextrautils (col); kelvo-report needs CLI11 and nlohmann/json, its
+# tests the Prometheus parser and jsonschema of Debian's python3.
 packages="cmake g++ make libgtest-dev libgmock-dev libsqlite3-dev sqlite3 libbenchmark-dev faketime coreutils
-          dpkg-dev groff-base man-db bsdextrautils"
+          dpkg-dev groff-base man-db bsdextrautils
+          libcli11-dev nlohmann-json3-dev python3-prometheus-client python3-jsonschema"
 
 missing=""
 for p in $packages; do
