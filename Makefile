@@ -48,7 +48,7 @@ package: build
 .PHONY: bench fuzz
 bench: setup
 	cmake -S . -B $(BUILD)/bench -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKELVO_TESTS=OFF
-	cmake --build $(BUILD)/bench -j $(JOBS) --target kelvo gen_server measure
+	cmake --build $(BUILD)/bench -j $(JOBS) --target kelvo kelvo-report gen_server measure
 	./bench/run_bench.sh $(BUILD)/bench
 
 # The randomised hostile-data test on the sanitizer build, for FUZZ_SECONDS,

@@ -7,7 +7,7 @@
 #
 #   bench/run_bench.sh BUILD_DIR [WORK_DIR]
 #
-# BUILD_DIR holds kelvo, bench/gen_server and bench/measure. Sizes and data
+# BUILD_DIR holds kelvo, kelvo-report, bench/gen_server and bench/measure. Sizes and data
 # shape come from the environment:
 #   BENCH_BASE_CHANNELS (16)  channels at 1x; 16x must stay within 256
 #   BENCH_PERIODS (1024)      periods per channel, record type and stream
@@ -34,9 +34,10 @@ leaking=${BENCH_LEAKING:-2}
 repeat=${BENCH_REPEAT:-3}
 
 kelvo=$build/kelvo
+report=$build/kelvo-report
 gen=$build/bench/gen_server
 measure=$build/bench/measure
-for tool in "$kelvo" "$gen" "$measure" sqlite3; do
+for tool in "$kelvo" "$report" "$gen" "$measure" sqlite3; do
     command -v "$tool" >/dev/null || { echo "missing: $tool" >&2; exit 1; }
 done
 
@@ -110,7 +111,11 @@ bench_size() {
     [[ $(total_of) == "$nulls" ]] || echo "WARNING: nullid -1 listed $(total_of) of $nulls" >&2
     run "recoverid -1" "$size" "$dir/copy.db" "$kelvo" recoverid -1
     [[ $(total_of) == "$nulls" ]] || echo "WARNING: recoverid -1 saw $(total_of) of $nulls" >&2
+    # The generator makes one space: this is spaceinfo of every space.
     run "spaceinfo" "$size" "$db" "$kelvo" spaceinfo Space0
+    run "kelvo-report" "$size" "$db" "$report" --format=json
+    [[ $(grep -o '"null_storage_ids":[0-9]*' "$work/out" | awk -F: '{ n += $2 } END { print n + 0 }') == "$nulls" ]] ||
+        echo "WARNING: kelvo-report counted other null storage ids than $nulls" >&2
     run "voluse -1" "$size" "$db" "$kelvo" voluse -1
     run "autoclean" "$size" "$db" "$kelvo" autoclean
     [[ -n ${BENCH_KEEP:-} ]] || rm -rf "$dir"
@@ -175,6 +180,10 @@ awk -F'|' -v base="$base" -v periods="$periods" '
             printf "  nullid -1     %3s: %.3f s, sqlite3 %.3f s: %.2f x floor (target <= 1.5): %s\n",
                    s, secs["nullid -1|" s], secs["sqlite3 floor|" s], r, verdict(ok)
         }
+        r = secs["kelvo-report|16x"] / (secs["nullid -1|16x"] + secs["spaceinfo|16x"])
+        ok = r <= 1.2; all = all && ok
+        printf "  kelvo-report  16x: %.3f s, nullid -1 + spaceinfo %.3f s: %.2f x (target <= 1.2): %s\n",
+               secs["kelvo-report|16x"], secs["nullid -1|16x"] + secs["spaceinfo|16x"], r, verdict(ok)
         # The largest single query is the same at 1x and 16x, so peak memory
         # must stay flat while the periods grow x16; at q16x the largest query
         # grows x16 and memory may follow it.

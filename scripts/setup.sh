@@ -3,11 +3,14 @@
 # that are not there yet (apt-get as root, through sudo otherwise).
 set -eu
 
-# Build: cmake g++ make libsqlite3-dev; demo: sqlite3; tests: libgtest-dev
-# libgmock-dev faketime. The package test needs dpkg-dev, file (CPack) and
-# lintian, the manual page test groff-base, man-db and bsdextrautils (col),
-# the completion test bash-completion.
-packages="cmake g++ make libsqlite3-dev sqlite3 libgtest-dev libgmock-dev faketime
+# Build: cmake g++ make libsqlite3-dev, and for kelvo-report libcli11-dev
+# nlohmann-json3-dev; demo: sqlite3; tests: libgtest-dev libgmock-dev faketime,
+# the report's checks python3-prometheus-client python3-jsonschema. The package
+# test needs dpkg-dev, file (CPack) and lintian, the manual page test
+# groff-base, man-db and bsdextrautils (col), the completion test
+# bash-completion.
+packages="cmake g++ make libsqlite3-dev libcli11-dev nlohmann-json3-dev sqlite3
+          libgtest-dev libgmock-dev faketime python3-prometheus-client python3-jsonschema
           dpkg-dev file lintian groff-base man-db bsdextrautils bash-completion"
 
 missing=""

@@ -12,12 +12,8 @@ const int kChannelSlots = 32;
 
 }  // namespace
 
-// The service answers which channels record on a volume; asking it about
-// every volume in turn gives the volume of each channel (the last one wins).
-void cmd_voluse(IStorageSetting* setting, IPlugPlayService* service, int channel_id) {
-    char table[kChannelSlots][128];
-    std::memset(table, 0, sizeof(table));
-
+void walk_volume_channels(IStorageSetting* setting, IPlugPlayService* service,
+                          const VolumeChannelsVisit& visit) {
     std::list<TVolumeInfo> volumes;
     setting->get_volume_list(volumes);
     TVolumeConfig config;
@@ -30,12 +26,32 @@ void cmd_voluse(IStorageSetting* setting, IPlugPlayService* service, int channel
         config.volume_no = volume.setting.config.volume_no;
         channels.clear();
         service->get_volume_channel_list(config, a, b, channels);
-        for (const channel_sid& channel : channels) {
-            // Ids beyond the table have no line to show them on.
-            if (channel.channel_id >= static_cast<uint32_t>(kChannelSlots)) continue;
-            std::memcpy(table[channel.channel_id], name, sizeof(name));
-        }
+        visit(volume, name, channels);
     }
+}
+
+void sort_channels(std::list<channel_sid>& channels) {
+    // std::list::sort is stable: equal ids keep the service's order.
+    channels.sort([](const channel_sid& x, const channel_sid& y) {
+        return x.channel_id < y.channel_id;
+    });
+}
+
+// The service answers which channels record on a volume; asking it about
+// every volume in turn gives the volume of each channel (the last one wins).
+void cmd_voluse(IStorageSetting* setting, IPlugPlayService* service, int channel_id) {
+    char table[kChannelSlots][128];
+    std::memset(table, 0, sizeof(table));
+    walk_volume_channels(setting, service,
+                         [&table](const TVolumeInfo&, const char (&name)[128],
+                                  const std::list<channel_sid>& channels) {
+                             for (const channel_sid& channel : channels) {
+                                 // Ids beyond the table have no line to show them on.
+                                 if (channel.channel_id >= static_cast<uint32_t>(kChannelSlots))
+                                     continue;
+                                 std::memcpy(table[channel.channel_id], name, sizeof(name));
+                             }
+                         });
 
     for (int i = 0; i < kChannelSlots; ++i) {
         if (channel_id != -1 && channel_id != i) continue;
@@ -53,10 +69,7 @@ void cmd_volchn(IStorageSetting* setting, IPlugPlayService* service, const char*
         return;
     }
     service->get_volume_channel_list(config, a, b, channels);
-    // std::list::sort is stable: equal ids keep the service's order.
-    channels.sort([](const channel_sid& x, const channel_sid& y) {
-        return x.channel_id < y.channel_id;
-    });
+    sort_channels(channels);
     if (channels.empty()) {
         printf("NO channel using volume [%s]\n", volume_name);
         return;

@@ -53,6 +53,23 @@ void recycle_with_engine(const ornsid& target, stream_info info, int64_t from_ms
     engine->uninit();
 }
 
+// The bound of every stream of one channel entry, record type 4 then 1,
+// streams 0 to 4, handed to |visit| with the stream it names.
+template <typename Visit>
+void walk_recycle_bounds(const TChannelStorageSetting& entry, int64_t from_ms, Visit visit) {
+    stream_info info = make_stream_info(entry);
+    for (uint32_t pass = 0; pass < kPassCount; ++pass) {
+        for (uint32_t stream = 0; stream < kStreamCount; ++stream) {
+            int64_t bound_ms = 0;
+            int r = compute_recycle_bound(make_channel_sid(entry.channel_id, entry.sid), pass,
+                                          stream, from_ms, bound_ms);
+            info.stream = stream;
+            info.record_type = pass_record_type(pass);
+            visit(static_cast<const stream_info&>(info), r, bound_ms);
+        }
+    }
+}
+
 // The volume's path as a terminated text, whatever its field holds.
 struct VolumePath {
     char text[sizeof(TVolumeConfig::path) + 1];
@@ -92,6 +109,21 @@ void print_missing_volume(const VolumePath& path) {
 
 }  // namespace
 
+int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms,
+                       int64_t& bound_ms) {
+    bool found = false;
+    int64_t earliest = 0;
+    for (const time_period& period : periods) {
+        if (period.end_ms < from_ms) continue;
+        if (!found || period.start_ms < earliest) earliest = period.start_ms;
+        found = true;
+    }
+    if (!found) return 1;
+    // The oldest possible start leaves nothing before it to recycle.
+    bound_ms = earliest == INT64_MIN ? earliest : earliest - 1;
+    return 0;
+}
+
 int compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
                           const int64_t& from_ms, int64_t& bound_ms) {
     COrnChannel factory;
@@ -104,16 +136,9 @@ int compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
                                 static_cast<int>(stream), from_ms, now_ms(), periods, 0, 1, 1);
     factory.destroy_channel_session(&session);
 
-    if (periods.empty()) {
-        bound_ms = now_ms();
-        return 1;
-    }
-    int64_t earliest = periods.front().start_ms;
-    for (const time_period& period : periods)
-        if (period.start_ms < earliest) earliest = period.start_ms;
-    // The oldest possible start leaves nothing before it to recycle.
-    bound_ms = earliest == INT64_MIN ? earliest : earliest - 1;
-    return 0;
+    int result = bound_from_periods(periods, from_ms, bound_ms);
+    if (result == 1) bound_ms = now_ms();
+    return result;
 }
 
 void cmd_volclean(IStorageSetting* setting, int channel_id) {
@@ -130,23 +155,14 @@ void cmd_volclean(IStorageSetting* setting, int channel_id) {
     for (const TChannelStorageSetting& entry : channels) {
         if (skip_channel(entry, channel_id)) continue;
         printf("Recycle --ch%02d-- data ...\n", static_cast<int>(entry.channel_id + 1));
-        stream_info info = make_stream_info(entry);
-        for (uint32_t pass = 0; pass < kPassCount; ++pass) {
-            for (uint32_t stream = 0; stream < kStreamCount; ++stream) {
-                int64_t bound_ms = 0;
-                int r = compute_recycle_bound(make_channel_sid(entry.channel_id, entry.sid),
-                                              pass, stream, from_ms, bound_ms);
-                if (r == -1) continue;
-                info.stream = stream;
-                info.record_type = pass_record_type(pass);
-                for (const TSpaceInfo& space : spaces)
-                    recycle_with_engine<CFSTier>(space.uuid, info, from_ms, bound_ms,
-                                                 "Initial Tier to process failure.\n");
-                printf("\t[%s S%02d] %s\n", record_type_label(info.record_type),
-                       static_cast<int>(stream),
-                       r == 0 ? "Success." : "Can not find time period.");
-            }
-        }
+        walk_recycle_bounds(entry, from_ms, [&](const stream_info& info, int r, int64_t bound_ms) {
+            if (r == -1) return;
+            for (const TSpaceInfo& space : spaces)
+                recycle_with_engine<CFSTier>(space.uuid, info, from_ms, bound_ms,
+                                             "Initial Tier to process failure.\n");
+            printf("\t[%s S%02d] %s\n", record_type_label(info.record_type),
+                   static_cast<int>(info.stream), r == 0 ? "Success." : "Can not find time period.");
+        });
     }
     printf("Recycle process done.\n");
 }
@@ -162,24 +178,16 @@ void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id) 
 
     for (const TChannelStorageSetting& entry : channels) {
         if (skip_channel(entry, channel_id)) continue;
-        stream_info info = make_stream_info(entry);
-        for (uint32_t pass = 0; pass < kPassCount; ++pass) {
-            for (uint32_t stream = 0; stream < kStreamCount; ++stream) {
-                int64_t bound_ms = 0;
-                if (compute_recycle_bound(make_channel_sid(entry.channel_id, entry.sid), pass,
-                                          stream, from_ms, bound_ms) != 0)
-                    continue;
-                info.stream = stream;
-                info.record_type = pass_record_type(pass);
-                recycle_with_engine<CFSUnit>(volume.uuid, info, from_ms, bound_ms,
-                                             "Initial Unit to process failure.\n");
-            }
-        }
+        // Only a stream with a listed period has data the database no longer knows.
+        walk_recycle_bounds(entry, from_ms, [&](const stream_info& info, int r, int64_t bound_ms) {
+            if (r != 0) return;
+            recycle_with_engine<CFSUnit>(volume.uuid, info, from_ms, bound_ms,
+                                         "Initial Unit to process failure.\n");
+        });
     }
 }
 
-int measure_volume_usage(const TVolumeInfo& volume, int64_t& preallocate_remain_mb,
-                         int64_t& used_size_mb) {
+int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_mb) {
     const VolumePath path(volume);
     // Neither the folder path nor the command "du <folder>" may be cut to fit
     // its 256-byte buffer: a path that does not fit is reported like one that
@@ -188,30 +196,41 @@ int measure_volume_usage(const TVolumeInfo& volume, int64_t& preallocate_remain_
     int n = snprintf(folder, sizeof(folder), "%s/FSU_%.32s/preallocate", path.text,
                      volume.uuid.uuid + 4);
     const size_t kCommandSize = 256;
-    if (n < 0 || static_cast<size_t>(n) + strlen("du ") >= kCommandSize || chdir(folder) != 0) {
-        print_missing_volume(path);
-        return -1;
-    }
+    if (n < 0 || static_cast<size_t>(n) + strlen("du ") >= kCommandSize || chdir(folder) != 0)
+        return kUsageNoFolder;
     // Quoting for the shell makes the command longer than "du <folder>";
     // every quote of the folder becomes four characters.
     char command[kCommandSize * 4 + 8];
-    if (!compose_du_command(folder, command, sizeof(command))) {
-        print_missing_volume(path);
-        return -1;
-    }
+    if (!compose_du_command(folder, command, sizeof(command))) return kUsageNoFolder;
     FILE* du = popen(command, "r");
-    if (du == nullptr) {
-        printf("Can not get preallocate remain size info.\n");
-        return -1;
-    }
+    if (du == nullptr) return kUsageNoDu;
     char line[128];
     if (fgets(line, 127, du) != nullptr) {
         long long size_kb = strtoll(line, nullptr, 10);
         preallocate_remain_mb = size_kb / 1024;
     }
     pclose(du);
+    return 0;
+}
+
+int measure_volume_usage(const TVolumeInfo& volume, int64_t& preallocate_remain_mb,
+                         int64_t& used_size_mb) {
+    int result = measure_preallocate(volume, preallocate_remain_mb);
+    if (result == kUsageNoFolder) print_missing_volume(VolumePath(volume));
+    if (result == kUsageNoDu) printf("Can not get preallocate remain size info.\n");
+    if (result != 0) return -1;
     used_size_mb = volume.setting.used_size_mb;
     return 0;
+}
+
+bool volume_leaks(int64_t total_mb, int64_t preallocate_remain_mb, int64_t used_mb,
+                  int64_t& lost_mb) {
+    // Wraps like the two's-complement arithmetic of the sizes instead of
+    // overflowing on absurd figures.
+    lost_mb = static_cast<int64_t>(static_cast<uint64_t>(total_mb) -
+                                   static_cast<uint64_t>(preallocate_remain_mb) -
+                                   static_cast<uint64_t>(used_mb));
+    return static_cast<double>(lost_mb) > static_cast<double>(total_mb) * 0.05;
 }
 
 void cmd_autoclean(IStorageSetting* setting) {
@@ -228,12 +247,8 @@ void cmd_autoclean(IStorageSetting* setting) {
         int64_t preallocate_remain = total;
         int64_t used = 0;
         if (measure_volume_usage(volume, preallocate_remain, used) != 0) continue;
-        // Wraps like the two's-complement arithmetic of the sizes instead of
-        // overflowing on absurd figures.
-        const int64_t lost = static_cast<int64_t>(static_cast<uint64_t>(total) -
-                                                  static_cast<uint64_t>(preallocate_remain) -
-                                                  static_cast<uint64_t>(used));
-        if (!(static_cast<double>(lost) > static_cast<double>(total) * 0.05)) continue;
+        int64_t lost = 0;
+        if (!volume_leaks(total, preallocate_remain, used, lost)) continue;
 
         char name[128];
         volume_display_name(volume, name);

@@ -106,10 +106,6 @@ int find_volume(IStorageSetting* setting, const char* volume_name, TVolumeInfo& 
     return -1;
 }
 
-const char* volume_type_text(uint32_t volume_type) {
-    return volume_type == 0 ? "NORMAL" : "SPARE ";
-}
-
 // A space's name field (512 bytes, maybe unterminated) against a terminated text.
 bool same_name(const char (&field)[512], const char* name) {
     size_t n = strnlen(field, sizeof(field));
@@ -165,6 +161,10 @@ void cmd_vollist(IStorageSetting* setting, const char* space_name) {
                static_cast<long long>(v.used_size_mb), use_percent(v.used_size_mb, v.total_size_mb));
     }
     if (count == 0) printf("no find volume at space [%s]\n", space_name);
+}
+
+const char* volume_type_text(uint32_t volume_type) {
+    return volume_type == 0 ? "NORMAL" : "SPARE ";
 }
 
 void volume_display_name(const TVolumeInfo& volume, char name[128]) {

@@ -21,8 +21,6 @@ const int kRecordTypes[] = {kRecordTypeNormal, kRecordTypeAlarm};
 // Channels are numbered from 0 inside and from 1 on screen.
 int shown_channel(uint32_t channel_id) { return static_cast<int>(channel_id + 1u); }
 
-bool is_null_storage_id(const time_period& period) { return period.storage_id[0] == '\0'; }
-
 bool starts_before(const time_period& a, const time_period& b) { return a.start_ms < b.start_ms; }
 
 // "%s/FSU_%.32s" from the volume's path and uuid bytes 4 to 35. False when
@@ -84,49 +82,31 @@ struct ChannelWalk {
     std::list<time_period> periods;
 };
 
-// Runs the eight queries of one channel (record type 4 then 1, streams 1 to
-// 4) and hands every null period of each, by start, to |on_null|.
-template <typename OnNull>
-void walk_channel(IFrameChannelSession& session, const TChannelStorageSetting& entry,
-                  int64_t now_ms, std::list<time_period>& periods, OnNull& on_null) {
-    bool header = true;
-    for (int record_type : kRecordTypes) {
-        for (int stream = 1; stream <= kStreams; ++stream) {
-            if (session.query_time_periods(record_type, stream, 0, now_ms, periods, 0, 1, 1) != 0) {
-                printf("ch%.2d [%s S%.2d] retrieve time period fail\n",
-                       shown_channel(entry.channel_id), record_type_label(record_type), stream);
-                continue;
-            }
-            periods.sort(starts_before);  // stable: equal starts keep the library's order
-            for (time_period& period : periods)
-                if (is_null_storage_id(period)) on_null(entry, record_type, period, header);
+// nullid's and recoverid's view of the walk: a failure line per failed
+// query, then each null period of an answer by start.
+class NullPeriods : public PeriodVisitor {
+public:
+    void channel(const TChannelStorageSetting&, bool) override { header_ = true; }
+    void answer(const TChannelStorageSetting& entry, int record_type, int stream, int result,
+                std::list<time_period>& periods) override {
+        if (result != 0) {
+            printf("ch%.2d [%s S%.2d] retrieve time period fail\n",
+                   shown_channel(entry.channel_id), record_type_label(record_type), stream);
+            return;
         }
+        periods.sort(starts_before);  // stable: equal starts keep the library's order
+        for (time_period& period : periods)
+            if (is_null_storage_id(period)) null_period(entry, record_type, period, header_);
     }
-}
+    virtual void null_period(const TChannelStorageSetting& entry, int record_type,
+                             time_period& period, bool& header) = 0;
 
-// Walks every selected channel. False (after "No channel found.") when the
-// library lists no channel slot at all.
-template <typename OnNull>
-bool walk_null_periods(IStorageSetting* setting, ChannelWalk& walk, int channel_id,
-                       OnNull on_null) {
-    setting->get_channel_setting_list(walk.settings, 1);
-    if (walk.settings.empty()) {
-        printf("No channel found.\n");
-        return false;
-    }
-    int64_t now_ms = static_cast<int64_t>(time(nullptr)) * 1000;
-    for (const TChannelStorageSetting& entry : walk.settings) {
-        if (is_empty_slot(entry.sid)) continue;
-        if (!channel_selected(channel_id, entry.channel_id)) continue;
-        IFrameChannelSession* session = nullptr;
-        walk.channels.create_channel_session(make_channel_sid(entry.channel_id, entry.sid),
-                                             &session);
-        // Without a session the channel has nothing to show.
-        if (session != nullptr) walk_channel(*session, entry, now_ms, walk.periods, on_null);
-        walk.channels.destroy_channel_session(&session);
-    }
-    return true;
-}
+protected:
+    ~NullPeriods() = default;
+
+private:
+    bool header_ = true;
+};
 
 struct PeriodTexts {
     char start[256];
@@ -201,6 +181,9 @@ void recover_period(IStorageSetting* setting, Recovery& r, const TChannelStorage
     printf(", recover storage id: [%s]\n", result);
 }
 
+// Present time of the storage-id commands, in ms.
+int64_t now_ms() { return static_cast<int64_t>(time(nullptr)) * 1000; }
+
 }  // namespace
 
 void time_to_text(int64_t seconds, char out[256]) {
@@ -236,29 +219,66 @@ int probe_period_location(IStorageSetting& setting, const stream_info& info, int
     return -1;
 }
 
-void cmd_nullid(IStorageSetting* setting, int channel_id) {
+bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_stream,
+                          int64_t now_ms, PeriodVisitor& visitor) {
     ChannelWalk walk;
-    int null_count = 0;
-    auto list_period = [&null_count](const TChannelStorageSetting& entry, int record_type,
-                                     time_period& period, bool& header) {
-        PeriodTexts texts = period_texts(period);
-        print_header_once(header, entry.channel_id);
-        print_period_start(record_type, period, texts.start, texts.end);
-        printf("\n");
-        ++null_count;
-    };
-    if (!walk_null_periods(setting, walk, channel_id, list_period)) return;
-    printf("\nTotal have [%d] time period data has null storage id.\n", null_count);
+    setting->get_channel_setting_list(walk.settings, 1);
+    if (walk.settings.empty()) return false;
+    for (const TChannelStorageSetting& entry : walk.settings) {
+        if (is_empty_slot(entry.sid)) continue;
+        if (!channel_selected(channel_id, entry.channel_id)) continue;
+        IFrameChannelSession* session = nullptr;
+        walk.channels.create_channel_session(make_channel_sid(entry.channel_id, entry.sid),
+                                             &session);
+        // Without a session the channel has nothing to show.
+        visitor.channel(entry, session != nullptr);
+        if (session != nullptr) {
+            for (int record_type : kRecordTypes) {
+                for (int stream = first_stream; stream <= kStreams; ++stream) {
+                    int result = session->query_time_periods(record_type, stream, 0, now_ms,
+                                                             walk.periods, 0, 1, 1);
+                    visitor.answer(entry, record_type, stream, result, walk.periods);
+                }
+            }
+        }
+        walk.channels.destroy_channel_session(&session);
+    }
+    return true;
+}
+
+void cmd_nullid(IStorageSetting* setting, int channel_id) {
+    struct Lister : NullPeriods {
+        int count = 0;
+        void null_period(const TChannelStorageSetting& entry, int record_type,
+                         time_period& period, bool& header) override {
+            PeriodTexts texts = period_texts(period);
+            print_header_once(header, entry.channel_id);
+            print_period_start(record_type, period, texts.start, texts.end);
+            printf("\n");
+            ++count;
+        }
+    } lister;
+    if (!walk_channel_periods(setting, channel_id, 1, now_ms(), lister)) {
+        printf("No channel found.\n");
+        return;
+    }
+    printf("\nTotal have [%d] time period data has null storage id.\n", lister.count);
 }
 
 void cmd_recoverid(IStorageSetting* setting, int channel_id) {
-    ChannelWalk walk;
-    Recovery recovery;
-    auto recover = [setting, &recovery](const TChannelStorageSetting& entry, int record_type,
-                                        time_period& period, bool& header) {
-        recover_period(setting, recovery, entry, record_type, period, header);
-    };
-    if (!walk_null_periods(setting, walk, channel_id, recover)) return;
+    struct Recoverer : NullPeriods {
+        IStorageSetting* setting;
+        Recovery recovery;
+        explicit Recoverer(IStorageSetting* s) : setting(s) {}
+        void null_period(const TChannelStorageSetting& entry, int record_type,
+                         time_period& period, bool& header) override {
+            recover_period(setting, recovery, entry, record_type, period, header);
+        }
+    } recoverer(setting);
+    if (!walk_channel_periods(setting, channel_id, 1, now_ms(), recoverer)) {
+        printf("No channel found.\n");
+        return;
+    }
     printf("\nTotal have [%d] time period data has null storage id, [%d] recover success.\n",
-           recovery.null_count, recovery.success_count);
+           recoverer.recovery.null_count, recoverer.recovery.success_count);
 }

@@ -336,8 +336,8 @@ std::vector<std::string> SimServer::tree() const {
 }
 
 RunResult SimServer::run(const std::vector<std::string>& args,
-                         const std::vector<std::string>& extra_env) {
-    std::vector<std::string> argv{KELVO_BINARY};
+                         const std::vector<std::string>& extra_env, const std::string& binary) {
+    std::vector<std::string> argv{binary};
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<std::string> env = base_env();
     env.push_back("ORN_STORAGE_DB=" + db_path_);
@@ -353,7 +353,7 @@ RunResult SimServer::run(const std::vector<std::string>& args,
 }
 
 RunResult SimServer::run_at(long long epoch_seconds, const std::vector<std::string>& args,
-                            const std::vector<std::string>& extra_env) {
+                            const std::vector<std::string>& extra_env, const std::string& binary) {
     time_t t = static_cast<time_t>(epoch_seconds);
     struct tm local = {};
     localtime_r(&t, &local);
@@ -364,7 +364,7 @@ RunResult SimServer::run_at(long long epoch_seconds, const std::vector<std::stri
     env.push_back(std::string("FAKETIME=") + stamp);
     env.push_back("FAKETIME_DONT_FAKE_MONOTONIC=1");
     env.push_back("ASAN_OPTIONS=verify_asan_link_order=0");
-    return run(args, env);
+    return run(args, env, binary);
 }
 
 void expect_output(const RunResult& r, const std::string& out) {

@@ -150,12 +150,14 @@ public:
     // the database and its journal are left out.
     std::vector<std::string> tree() const;
 
-    // Runs kelvo with ORN_STORAGE_DB and TZ set, in the root folder.
+    // Runs kelvo (or |binary|) with ORN_STORAGE_DB and TZ set, in the root folder.
     RunResult run(const std::vector<std::string>& args,
-                  const std::vector<std::string>& extra_env = {});
+                  const std::vector<std::string>& extra_env = {},
+                  const std::string& binary = KELVO_BINARY);
     // The same under a fixed clock (libfaketime), at |epoch_seconds|.
     RunResult run_at(long long epoch_seconds, const std::vector<std::string>& args,
-                     const std::vector<std::string>& extra_env = {});
+                     const std::vector<std::string>& extra_env = {},
+                     const std::string& binary = KELVO_BINARY);
 
 private:
     std::string root_;

@@ -1,0 +1,274 @@
+// Gathers the report through the walks kelvo's commands print: spacelist's
+// and vollist's records, voluse's volume walk, autoclean's measurement and
+// leak rule, nullid's period walk (which also gives the recycle bound) and
+// spaceinfo's channel blocks. Read-only: nothing here changes the server.
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <list>
+#include <map>
+
+#include "commands.h"
+#include "plug_play.h"
+#include "report.h"
+#include "shared.h"
+#include "storage_setting.h"
+
+namespace {
+
+const int kRecycleFirstStream = 0;  // volclean's streams: 0 to 4
+const int kNullIdFirstStream = 1;   // nullid's: 1 to 4
+const int64_t kRecycleWindowMs = 2592000LL * 1000;  // 30 days
+
+std::string field_text(const char* field, size_t width) {
+    return std::string(field, strnlen(field, width));
+}
+
+std::string trimmed(const char* text) {
+    std::string s = text;
+    s.erase(s.find_last_not_of(' ') + 1);
+    return s;
+}
+
+// Library objects of one run, released in reverse order of creation.
+struct Session {
+    COrnStorage storage;
+    COrnStorageDaemon daemon;
+    IStorageSetting* setting = nullptr;
+    IPlugPlayService* service = nullptr;
+    ~Session() {
+        if (service != nullptr) daemon.destroy_plug_play_service(&service);
+        if (setting != nullptr) storage.destroy_storage_setting(&setting);
+    }
+};
+
+void collect_spaces(const std::list<TSpaceInfo>& spaces, Report& report) {
+    for (const TSpaceInfo& space : spaces) {
+        SpaceFigures s;
+        s.name = field_text(space.name, sizeof(space.name));
+        s.uuid = field_text(space.uuid.uuid, sizeof(space.uuid.uuid));
+        s.group_uuid = std::string(space.group_uuid.uuid, sizeof(space.group_uuid.uuid));
+        char status[26];
+        space_status_text(space.status, space.spare_status, status);
+        s.status = trimmed(status);
+        s.total_mb = space.total_size_mb;
+        s.used_mb = space.used_size_mb;
+        report.spaces.push_back(s);
+    }
+}
+
+// vollist shows a volume under every space of its group; the report names
+// the first.
+int space_of_group(const Report& report, const ornsid& group) {
+    for (size_t i = 0; i < report.spaces.size(); ++i)
+        if (std::memcmp(report.spaces[i].group_uuid.data(), group.uuid, sizeof(group.uuid)) == 0)
+            return static_cast<int>(i);
+    return -1;
+}
+
+// autoclean's measurement and rule; du may change the working directory,
+// exactly as it does in autoclean.
+void measure(const TVolumeInfo& volume, VolumeFigures& v) {
+    int64_t remain = volume.setting.total_size_mb;
+    if (measure_preallocate(volume, remain) != 0) return;
+    v.measured = true;
+    v.preallocate_remain_mb = remain;
+    v.leak = volume_leaks(volume.setting.total_size_mb, remain, volume.setting.used_size_mb,
+                          v.lost_mb);
+}
+
+// Volumes with their channels (voluse's walk) and, per channel id, the
+// volume voluse shows for it: the last volume in list order that reports it.
+void collect_volumes(IStorageSetting* setting, IPlugPlayService* service, const Options& options,
+                     Report& report, std::map<uint32_t, std::string>& volume_of_channel) {
+    walk_volume_channels(setting, service, [&](const TVolumeInfo& volume,
+                                               const char (&name)[128],
+                                               const std::list<channel_sid>& channels) {
+        const TVolumeSetting& vs = volume.setting;
+        VolumeFigures v;
+        v.name = name;
+        v.uuid = field_text(volume.uuid.uuid, sizeof(volume.uuid.uuid));
+        v.space = space_of_group(report, vs.group_uuid);
+        v.spare = vs.volume_type != 0;
+        char state[20];
+        volume_state_text(vs.state, state);
+        v.state = trimmed(state);
+        v.total_mb = vs.total_size_mb;
+        v.used_mb = vs.used_size_mb;
+        std::list<channel_sid> sorted = channels;
+        sort_channels(sorted);
+        for (const channel_sid& channel : sorted) {
+            v.channel_ids.push_back(channel.channel_id);
+            volume_of_channel[channel.channel_id] = name;
+        }
+        if (options.du) measure(volume, v);
+        report.volumes.push_back(v);
+    });
+}
+
+// One channel per settings entry; each query of the period walk serves both
+// the null-id count (streams 1 to 4, as nullid) and the recycle bound.
+class ChannelCollector : public PeriodVisitor {
+public:
+    ChannelCollector(Report& report, int64_t now_ms) : report_(report), now_ms_(now_ms) {}
+
+    void channel(const TChannelStorageSetting& entry, bool) override {
+        ChannelFigures c;
+        c.channel_id = entry.channel_id;
+        c.sid = field_text(entry.sid, sizeof(entry.sid));
+        report_.channels.push_back(c);
+    }
+
+    void answer(const TChannelStorageSetting&, int record_type, int stream, int result,
+                std::list<time_period>& periods) override {
+        ChannelFigures& c = report_.channels.back();
+        if (stream >= kNullIdFirstStream) {
+            if (result != 0) ++c.query_failures;
+            for (const time_period& period : periods)
+                if (is_null_storage_id(period)) ++c.null_storage_ids;
+        }
+        RecycleFigures r;
+        r.record_type = record_type;
+        r.stream = stream;
+        r.from_ms = now_ms_ - kRecycleWindowMs;
+        r.query_failed = result != 0;
+        r.whole_window = bound_from_periods(periods, r.from_ms, r.bound_ms) == 1;
+        if (r.whole_window) r.bound_ms = now_ms_;
+        c.recycle.push_back(r);
+    }
+
+private:
+    Report& report_;
+    int64_t now_ms_;
+};
+
+// spaceinfo's channel blocks of every space, attached to the channel
+// entries with the same sid; a channel repeated later in the profiles
+// (spaceinfo shows it again) is taken once.
+void collect_recordings(IStorageSetting* setting, const std::list<TSpaceInfo>& spaces,
+                        Report& report) {
+    int index = 0;
+    for (const TSpaceInfo& space : spaces) {
+        const ornsid space_id(space.uuid.uuid);
+        walk_space_channels(setting, space_id, [&](const SpaceChannel& block) {
+            if (!block.configured) return;
+            bool sized = false;
+            long long size_mb = 0;
+            for (ChannelFigures& c : report.channels) {
+                if (strncmp(c.sid.c_str(), block.channel.sid, 32) != 0) continue;
+                if (!c.recordings.empty() && c.recordings.back().space == index) continue;
+                if (!sized) setting->get_total_recording_size(space_id, block.channel, &size_mb);
+                sized = true;
+                Recordings r;
+                r.space = index;
+                r.size_mb = size_mb;
+                for (int t = 0; t < 2; ++t)
+                    for (int i = 0; block.days[t].days != nullptr && i < block.days[t].day_count;
+                         ++i)
+                        r.days[t].push_back(block.days[t].days[i] ? block.days[t].days[i] : "");
+                c.recordings.push_back(r);
+            }
+        });
+        ++index;
+    }
+}
+
+}  // namespace
+
+bool collect_report(const Options& options, Report& report, std::string& error) {
+    Session s;
+    s.storage.create_storage_setting(&s.setting);
+    if (s.setting == nullptr) {
+        error = "cannot reach the storage library";
+        return false;
+    }
+    s.daemon.create_plug_play_service(&s.service);
+    if (s.service == nullptr) {
+        error = "cannot reach the storage library's plug and play service";
+        return false;
+    }
+    const int64_t now_s = static_cast<int64_t>(time(nullptr));
+    report.generated_s = now_s;
+
+    std::list<TSpaceInfo> spaces;
+    s.setting->get_space_list(spaces);
+    collect_spaces(spaces, report);
+    std::map<uint32_t, std::string> volume_of_channel;
+    collect_volumes(s.setting, s.service, options, report, volume_of_channel);
+
+    ChannelCollector collector(report, now_s * 1000);
+    walk_channel_periods(s.setting, -1, kRecycleFirstStream, now_s * 1000, collector);
+    for (ChannelFigures& c : report.channels) {
+        auto found = volume_of_channel.find(c.channel_id);
+        if (found == volume_of_channel.end()) continue;
+        c.has_volume = true;
+        c.volume = found->second;
+    }
+    collect_recordings(s.setting, spaces, report);
+    return true;
+}
+
+bool used_percent(int64_t used_mb, int64_t total_mb, double& percent) {
+    if (total_mb <= 0) return false;
+    percent = use_percent(used_mb, total_mb);
+    return true;
+}
+
+std::string channel_label(uint32_t channel_id) {
+    char label[16];
+    snprintf(label, sizeof(label), "ch%.2d", static_cast<int>(channel_id + 1u));
+    return label;
+}
+
+const char* record_type_name(int record_type) { return record_type_label(record_type); }
+
+namespace {
+
+void add_problem(Report& report, bool critical, const std::string& subject,
+                 const std::string& text) {
+    report.problems.push_back(Problem{critical, subject, text});
+}
+
+void check_use(const Options& options, Report& report, const std::string& subject,
+               int64_t used_mb, int64_t total_mb) {
+    double percent = 0;
+    if (!used_percent(used_mb, total_mb, percent)) return;
+    double limit = percent >= options.crit ? options.crit : options.warn;
+    if (percent < limit) return;
+    char text[128];
+    snprintf(text, sizeof(text), "used %.2f%% of %lld MB (threshold %g%%)", percent,
+             static_cast<long long>(total_mb), limit);
+    add_problem(report, percent >= options.crit, subject, text);
+}
+
+}  // namespace
+
+void find_problems(const Options& options, Report& report) {
+    for (const SpaceFigures& s : report.spaces)
+        check_use(options, report, "space " + s.name, s.used_mb, s.total_mb);
+    for (const VolumeFigures& v : report.volumes) {
+        check_use(options, report, "volume " + v.name, v.used_mb, v.total_mb);
+        if (!v.leak) continue;
+        char text[160];
+        snprintf(text, sizeof(text), "leaks: %lld MB lost, over 5%% of %lld MB",
+                 static_cast<long long>(v.lost_mb), static_cast<long long>(v.total_mb));
+        add_problem(report, true, "volume " + v.name, text);
+    }
+    for (const ChannelFigures& c : report.channels) {
+        const std::string subject = "channel " + channel_label(c.channel_id);
+        if (c.null_storage_ids > 0)
+            add_problem(report, false, subject,
+                        std::to_string(c.null_storage_ids) +
+                            " time periods with a null storage id");
+        for (const RecycleFigures& r : c.recycle) {
+            if (!r.whole_window) continue;
+            char stream[16];
+            snprintf(stream, sizeof(stream), " %s S%.2d", record_type_name(r.record_type),
+                     r.stream);
+            add_problem(report, false, subject + stream,
+                        std::string(r.query_failed ? "period query failed"
+                                                   : "no time period in the last 30 days") +
+                            ": volclean would recycle the whole window");
+        }
+    }
+}

@@ -1,0 +1,99 @@
+// kelvo-report: the storage figures of one server, gathered read-only with
+// kelvo's own walks, and the three ways of writing them.
+#ifndef KELVO_REPORT_REPORT_H
+#define KELVO_REPORT_REPORT_H
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+struct Options {
+    std::string format = "json";  // json, prometheus or check
+    double warn = 80;             // percent used
+    double crit = 90;
+    bool du = true;
+};
+
+struct SpaceFigures {
+    std::string name;
+    std::string uuid;
+    std::string group_uuid;
+    std::string status;  // spacelist's text, trimmed
+    int64_t total_mb = 0;
+    int64_t used_mb = 0;
+};
+
+struct VolumeFigures {
+    std::string name;  // as vollist shows it
+    std::string uuid;
+    int space = -1;  // index of the first space whose group holds it
+    bool spare = false;
+    std::string state;  // vollist's text, trimmed
+    int64_t total_mb = 0;
+    int64_t used_mb = 0;
+    bool measured = false;  // du ran: the next two figures hold
+    int64_t preallocate_remain_mb = 0;
+    int64_t lost_mb = 0;
+    bool leak = false;
+    std::vector<uint32_t> channel_ids;  // sorted, as volchn lists them
+};
+
+struct RecycleFigures {
+    int record_type = 0;
+    int stream = 0;
+    int64_t from_ms = 0;
+    int64_t bound_ms = 0;
+    bool whole_window = false;
+    bool query_failed = false;
+};
+
+struct Recordings {
+    int space = 0;  // index into the spaces
+    int64_t size_mb = 0;
+    std::vector<std::string> days[2];  // NR, AR
+};
+
+struct ChannelFigures {
+    uint32_t channel_id = 0;
+    std::string sid;
+    bool has_volume = false;
+    std::string volume;
+    int null_storage_ids = 0;
+    int query_failures = 0;
+    std::vector<RecycleFigures> recycle;
+    std::vector<Recordings> recordings;
+};
+
+struct Problem {
+    bool critical = false;
+    std::string subject;
+    std::string text;
+};
+
+struct Report {
+    int64_t generated_s = 0;
+    double duration_s = 0;
+    std::vector<SpaceFigures> spaces;
+    std::vector<VolumeFigures> volumes;
+    std::vector<ChannelFigures> channels;
+    std::vector<Problem> problems;
+};
+
+// Gathers the report. False, with |error| set, when the storage library
+// cannot be reached.
+bool collect_report(const Options& options, Report& report, std::string& error);
+void find_problems(const Options& options, Report& report);
+// Percent used as kelvo prints it; false when the size is not positive.
+bool used_percent(int64_t used_mb, int64_t total_mb, double& percent);
+// "ch01" for channel id 0.
+std::string channel_label(uint32_t channel_id);
+const char* record_type_name(int record_type);
+
+void write_json(FILE* out, const Report& report);
+void write_prometheus(FILE* out, const Report& report, bool success);
+// Returns the exit status of the check (0 OK, 1 WARNING, 2 CRITICAL).
+int write_check(FILE* out, const Options& options, const Report& report);
+void write_check_unknown(FILE* out, const std::string& why);
+
+#endif
