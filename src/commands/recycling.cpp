@@ -23,8 +23,6 @@ uint32_t pass_record_type(uint32_t pass) {
     return pass == 0 ? kRecordTypeNormal : kRecordTypeAlarm;
 }
 
-int64_t now_ms() { return static_cast<int64_t>(time(nullptr)) * 1000; }
-
 int64_t recycle_range_start_ms() {
     return (static_cast<int64_t>(time(nullptr)) - kRecycleWindowSeconds) * 1000;
 }

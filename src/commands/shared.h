@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 
 #include "channel.h"
 #include "storage_setting.h"
@@ -38,6 +39,9 @@ inline channel_sid make_channel_sid(uint32_t channel_id, const char sid[32]) {
 inline bool same_uuid(const ornsid& a, const ornsid& b) {
     return std::memcmp(a.uuid, b.uuid, sizeof(a.uuid)) == 0;
 }
+
+// The present time at the library boundary, in milliseconds.
+inline int64_t now_ms() { return static_cast<int64_t>(time(nullptr)) * 1000; }
 
 // Use percentage in single precision, as every report shows it.
 inline double use_percent(int64_t used_mb, int64_t total_mb) {

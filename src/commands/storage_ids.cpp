@@ -182,8 +182,6 @@ void recover_period(IStorageSetting* setting, Recovery& r, const TChannelStorage
 }
 
 // Present time of the storage-id commands, in ms.
-int64_t now_ms() { return static_cast<int64_t>(time(nullptr)) * 1000; }
-
 }  // namespace
 
 void time_to_text(int64_t seconds, char out[256]) {
