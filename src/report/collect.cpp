@@ -260,15 +260,15 @@ void find_problems(const Options& options, Report& report) {
             add_problem(report, false, subject,
                         std::to_string(c.null_storage_ids) +
                             " time periods with a null storage id");
+        // An empty answer is a stream without recordings in the window; only a
+        // query that failed hides recordings that volclean would take.
         for (const RecycleFigures& r : c.recycle) {
-            if (!r.whole_window) continue;
+            if (!r.whole_window || !r.query_failed) continue;
             char stream[16];
             snprintf(stream, sizeof(stream), " %s S%.2d", record_type_name(r.record_type),
                      r.stream);
             add_problem(report, false, subject + stream,
-                        std::string(r.query_failed ? "period query failed"
-                                                   : "no time period in the last 30 days") +
-                            ": volclean would recycle the whole window");
+                        "period query failed: volclean would recycle the whole window");
         }
     }
 }

@@ -207,7 +207,7 @@ int write_check(FILE* out, const Options& options, const Report& report) {
     for (const VolumeFigures& v : report.volumes) leaks += v.leak ? 1 : 0;
     for (const ChannelFigures& c : report.channels) {
         nulls += c.null_storage_ids;
-        for (const RecycleFigures& r : c.recycle) whole += r.whole_window ? 1 : 0;
+        for (const RecycleFigures& r : c.recycle) whole += r.whole_window && r.query_failed;
     }
     int status = critical > 0 ? 2 : warning > 0 ? 1 : 0;
     static const char* const names[] = {"OK", "WARNING", "CRITICAL"};
@@ -228,7 +228,7 @@ int write_check(FILE* out, const Options& options, const Report& report) {
     for (const VolumeFigures& v : report.volumes)
         perf_use(perf, options, "volume " + v.name, v.used_mb, v.total_mb);
     char totals[160];
-    snprintf(totals, sizeof(totals), "leaks=%d;;1;0 null_storage_ids=%d;1;;0 whole_window=%d;1;;0",
+    snprintf(totals, sizeof(totals), "leaks=%d;;1;0 null_storage_ids=%d;1;;0 failed_windows=%d;1;;0",
              leaks, nulls, whole);
     perf += totals;
     fprintf(out, "KELVO %s - %s | %s\n", names[status], one_line(summary).c_str(), perf.c_str());
