@@ -6,6 +6,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 build=$(cd "${1:-build/normal}" && pwd)
 
 export KELVO="$build/kelvo"
+export KELVO_REPORT="$build/kelvo-report"
 export ROOT="${DEMO_ROOT:-$build/demo-server}"
 export DB="$ROOT/storage.db"
 export ORN_STORAGE_DB="$DB"
