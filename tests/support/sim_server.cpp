@@ -51,6 +51,25 @@ std::vector<std::string> base_env() {
     return env;
 }
 
+void sql_text(sqlite3_context* ctx, const std::string& text) {
+    sqlite3_result_text(ctx, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+}
+
+// uuid(n), sid(n), sto(n) and ms(local time text) for fixtures written in SQL.
+void sql_function(sqlite3_context* ctx, int, sqlite3_value** args) {
+    const char* name = static_cast<const char*>(sqlite3_user_data(ctx));
+    int n = sqlite3_value_int(args[0]);
+    if (strcmp(name, "uuid") == 0) return sql_text(ctx, uuid(n));
+    if (strcmp(name, "sid") == 0) return sql_text(ctx, sid(n));
+    if (strcmp(name, "sto") == 0) return sql_text(ctx, storage_id(n));
+    struct tm t = {};
+    const char* text = reinterpret_cast<const char*>(sqlite3_value_text(args[0]));
+    if (text == nullptr || strptime(text, "%Y-%m-%d %H:%M:%S", &t) == nullptr)
+        return sqlite3_result_error(ctx, "ms() wants YYYY-MM-DD HH:MM:SS", -1);
+    sqlite3_result_int64(ctx, local_ms(t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour,
+                                       t.tm_min, t.tm_sec));
+}
+
 }  // namespace
 
 std::string read_file(const std::string& path) {
@@ -81,28 +100,6 @@ long long local_ms(int year, int month, int day, int hour, int minute, int secon
     return static_cast<long long>(mktime(&t)) * 1000;
 }
 
-Space space_row(int n, const std::string& name, int group, long long total_mb, long long used_mb,
-                long long status, long long spare_status) {
-    return {uuid(n), name, uuid(group), total_mb, used_mb, status, spare_status};
-}
-
-Volume volume_row(int n, int group, const std::string& path, long long volume_no,
-                  long long total_mb, long long used_mb, long long type, long long state,
-                  const std::string& label) {
-    return {uuid(n), uuid(group), path, volume_no, type, state, total_mb, used_mb, label, true};
-}
-
-Period period_row(long long channel, long long record_type, long long stream, long long start_ms,
-                  long long end_ms, const Value& storage_id, const std::string& key,
-                  long long size_mb) {
-    return {channel, record_type, stream, start_ms, end_ms, storage_id, key, size_mb};
-}
-
-Profile profile_row(long long channel, const std::string& sid, int space, int group, int volume,
-                    const std::string& storage_id) {
-    return {channel, sid, uuid(space), uuid(group), uuid(volume), storage_id};
-}
-
 SimServer::SimServer(const std::string& tz, const std::string& schema) : tz_(tz), db_(nullptr) {
     setenv("TZ", tz.c_str(), 1);
     tzset();
@@ -115,6 +112,10 @@ SimServer::SimServer(const std::string& tz, const std::string& schema) : tz_(tz)
     if (sqlite3_open(db_path_.c_str(), &db) != SQLITE_OK)
         throw std::runtime_error("cannot create test database");
     db_ = db;
+    static const char* const kFunctions[] = {"uuid", "sid", "sto", "ms"};
+    for (const char* f : kFunctions)
+        sqlite3_create_function(db, f, 1, SQLITE_UTF8, const_cast<char*>(f), sql_function,
+                                nullptr, nullptr);
     exec(schema.empty() ? read_file(KELVO_SCHEMA) : schema);
 }
 
@@ -161,100 +162,8 @@ std::string SimServer::query(const std::string& sql) {
     return out;
 }
 
-void SimServer::insert(const std::string& table,
-                       std::initializer_list<std::pair<const char*, Value>> columns) {
-    std::string names, marks;
-    for (const auto& c : columns) {
-        if (!names.empty()) {
-            names += ", ";
-            marks += ", ";
-        }
-        names += c.first;
-        marks += "?";
-    }
-    std::string sql = "INSERT INTO " + table + " (" + names + ") VALUES (" + marks + ")";
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(handle(db_), sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
-        ADD_FAILURE() << "SQL failed: " << sqlite3_errmsg(handle(db_)) << "\n" << sql;
-        return;
-    }
-    int index = 1;
-    for (const auto& c : columns) {
-        const Value& v = c.second;
-        switch (v.kind) {
-        case Value::Int: sqlite3_bind_int64(stmt, index, v.number); break;
-        case Value::Text:
-            sqlite3_bind_text(stmt, index, v.bytes.data(), static_cast<int>(v.bytes.size()),
-                              SQLITE_TRANSIENT);
-            break;
-        case Value::Blob:
-            sqlite3_bind_blob(stmt, index, v.bytes.data(), static_cast<int>(v.bytes.size()),
-                              SQLITE_TRANSIENT);
-            break;
-        case Value::Null: sqlite3_bind_null(stmt, index); break;
-        }
-        ++index;
-    }
-    if (sqlite3_step(stmt) != SQLITE_DONE)
-        ADD_FAILURE() << "insert failed: " << sqlite3_errmsg(handle(db_)) << "\n" << sql;
-    sqlite3_finalize(stmt);
-}
-
-void SimServer::add_space(const Space& s) {
-    insert("spaces", {{"uuid", s.uuid}, {"name", s.name}, {"group_uuid", s.group_uuid},
-                      {"total_size_mb", s.total_size_mb}, {"used_size_mb", s.used_size_mb},
-                      {"status", s.status}, {"spare_status", s.spare_status}});
-}
-
-std::string SimServer::add_volume(const Volume& v) {
-    std::string volume_path = path(v.path);
-    insert("volumes", {{"uuid", v.uuid}, {"group_uuid", v.group_uuid}, {"path", volume_path},
-                       {"volume_no", v.volume_no}, {"volume_type", v.volume_type},
-                       {"state", v.state}, {"total_size_mb", v.total_size_mb},
-                       {"used_size_mb", v.used_size_mb}, {"label", v.label}});
-    std::string fsu = fsu_folder(volume_path, v.uuid);
-    if (v.make_fsu_folder) make_dir(fsu + "/preallocate");
-    return fsu;
-}
-
-void SimServer::add_channel(long long channel_id, const std::string& sid) {
-    insert("channels", {{"channel_id", channel_id}, {"sid", sid}});
-}
-
-void SimServer::add_period(const Period& p) {
-    std::string key = p.period_key;
-    if (key.empty()) {
-        key = "p-" + std::to_string(p.channel_id) + "-" + std::to_string(p.record_type) + "-" +
-              std::to_string(p.stream) + "-" + std::to_string(p.start_ms);
-    }
-    insert("periods", {{"channel_id", p.channel_id}, {"record_type", p.record_type},
-                       {"stream", p.stream}, {"start_ms", p.start_ms}, {"end_ms", p.end_ms},
-                       {"storage_id", p.storage_id}, {"period_key", key}, {"size_mb", p.size_mb}});
-}
-
-void SimServer::add_profile(const Profile& p) {
-    insert("profiles", {{"channel_id", p.channel_id}, {"sid", p.sid}, {"space_uuid", p.space_uuid},
-                        {"group_uuid", p.group_uuid}, {"volume_uuid", p.volume_uuid},
-                        {"storage_id", p.storage_id}});
-}
-
-void SimServer::add_volume_channel(long long volume_no, long long channel_id,
-                                   const std::string& sid) {
-    insert("volume_channels", {{"volume_no", volume_no}, {"channel_id", channel_id}, {"sid", sid}});
-}
-
-void SimServer::add_fault(const std::string& op, const std::string& target, long long result) {
-    insert("faults", {{"op", op}, {"target", target}, {"result", result}});
-}
-
-void SimServer::enable_trace() { exec("INSERT OR REPLACE INTO settings VALUES ('trace', '1');"); }
-
 std::string SimServer::call_log() {
     return query("SELECT op || ' ' || args || ' ' || ifnull(result, 'NULL') FROM call_log ORDER BY seq");
-}
-
-int SimServer::call_count(const std::string& op) {
-    return std::stoi(query("SELECT count(*) FROM call_log WHERE op = '" + op + "'"));
 }
 
 std::string SimServer::fsu_folder(const std::string& volume_path,
@@ -425,38 +334,5 @@ RunResult run_program(const std::vector<std::string>& argv, const std::vector<st
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
 }
-
-const char* const kUsageText =
-    "show volume properties or set volume properties of specific space\n"
-    "kelvo CMD PARAMETERS\n"
-    "kelvo spacelist\n"
-    "kelvo vollist space_name\n"
-    "kelvo volset volume_name volume_type volume_state\n"
-    "kelvo volchn volume_name\n"
-    "kelvo voluse channel_id\n"
-    "kelvo volclean channel_id\n"
-    "kelvo autoclean\n"
-    "kelvo nullid channel_id\n"
-    "kelvo recoverid channel_id\n"
-    "kelvo spaceinfo space_name\n"
-    "-----------------------------------------------------------------------------------------------------\n"
-    "CMD:\n"
-    "spacelist:     show all space name and information.\n"
-    "vollist:       show all volume name and information of a specific space name.\n"
-    "volset:        set volume type and state of a specific volume name.\n"
-    "volchn:        show all channels using the specific volume.\n"
-    "voluse:        show channel's uses volume. channel_id = -1, -> show all channels' using volume.\n"
-    "volclean:      remove specific channel's data remain in volumes. channel_id = -1, -> remove all channel's remain data.\n"
-    "autoclean:     check volume space leak and clean(recycle).\n"
-    "nullid:        list channel's null storage id time period. channel_id = -1, -> list all channels' null storage id time period.\n"
-    "recoverid:     recover channel's storage id to null storage id time period.\n"
-    "               channel_id = -1, -> recover all channels' storage id to null storage id time period.\n"
-    "spaceinfo:     show channel recording information of a specific space name."
-    "\nPARAMETER:\n"
-    "space_name:    space name\n"
-    "volume_name:   volume name listed by vollist\n"
-    "volume_type:   0:NORMAL| 1:SPARE volume\n"
-    "volume_state:  0:STANDBY| 1:ACTIVE\n"
-    "channel_id:    0 base\n";
 
 }  // namespace kt

@@ -18,87 +18,15 @@ struct RunResult {
     int status = -1;  // exit status, or -1 when the process did not exit normally
 };
 
-// A column value for insert().
-struct Value {
-    enum Kind { Int, Text, Blob, Null };
-    Kind kind;
-    long long number = 0;
-    std::string bytes;
-
-    Value(int v) : kind(Int), number(v) {}
-    Value(long long v) : kind(Int), number(v) {}
-    Value(const char* v) : kind(Text), bytes(v) {}
-    Value(const std::string& v) : kind(Text), bytes(v) {}
-    static Value blob(const std::string& v) { return Value(Blob, v); }
-    static Value null() { return Value(Null, std::string()); }
-
-private:
-    Value(Kind k, const std::string& b) : kind(k), bytes(b) {}
-};
-
-struct Space {
-    std::string uuid;
-    std::string name;
-    std::string group_uuid;
-    long long total_size_mb = 0;
-    long long used_size_mb = 0;
-    long long status = 0;
-    long long spare_status = 0;
-};
-
-struct Volume {
-    std::string uuid;
-    std::string group_uuid;
-    std::string path;  // relative paths are taken below the server's root
-    long long volume_no = -1;
-    long long volume_type = 0;
-    long long state = 0;
-    long long total_size_mb = 0;
-    long long used_size_mb = 0;
-    std::string label;
-    bool make_fsu_folder = true;  // creates path/FSU_<uuid 4..35>/preallocate
-};
-
-struct Period {
-    long long channel_id = 0;
-    long long record_type = 4;
-    long long stream = 1;
-    long long start_ms = 0;
-    long long end_ms = 0;
-    Value storage_id = Value::null();
-    std::string period_key;
-    long long size_mb = 0;
-};
-
-struct Profile {
-    long long channel_id = 0;
-    std::string sid;
-    std::string space_uuid;
-    std::string group_uuid;
-    std::string volume_uuid;
-    std::string storage_id;
-};
-
 // Deterministic identifiers of the right width: uuid(7) has 36 characters,
-// sid(7) and storage_id(7) have 32.
+// sid(7) and storage_id(7) have 32. SQL run through exec() and query() has
+// them as uuid(n), sid(n) and sto(n), and ms('YYYY-MM-DD HH:MM:SS') for a
+// local time in milliseconds.
 std::string uuid(int n);
 std::string sid(int n);
 std::string storage_id(int n);
 // Milliseconds since the epoch of a local time in the process's TZ.
 long long local_ms(int year, int month, int day, int hour, int minute = 0, int second = 0);
-
-// Rows by number: uuid(n), uuid(group), uuid(space) and so on; fields left out
-// keep their defaults.
-Space space_row(int n, const std::string& name, int group, long long total_mb = 0,
-                long long used_mb = 0, long long status = 0, long long spare_status = 0);
-Volume volume_row(int n, int group, const std::string& path, long long volume_no = -1,
-                  long long total_mb = 0, long long used_mb = 0, long long type = 0,
-                  long long state = 0, const std::string& label = "");
-Period period_row(long long channel, long long record_type, long long stream, long long start_ms,
-                  long long end_ms, const Value& storage_id = Value::null(),
-                  const std::string& key = "", long long size_mb = 0);
-Profile profile_row(long long channel, const std::string& sid, int space, int group, int volume,
-                    const std::string& storage_id);
 
 class SimServer {
 public:
@@ -118,22 +46,8 @@ public:
     void exec(const std::string& sql);
     // Rows as the sqlite3 shell prints them: columns joined by '|', one line a row.
     std::string query(const std::string& sql);
-    void insert(const std::string& table,
-                std::initializer_list<std::pair<const char*, Value>> columns);
-
-    void add_space(const Space& space);
-    // Returns the volume's FSU folder.
-    std::string add_volume(const Volume& volume);
-    void add_channel(long long channel_id, const std::string& sid);
-    void add_period(const Period& period);
-    void add_profile(const Profile& profile);
-    void add_volume_channel(long long volume_no, long long channel_id, const std::string& sid = "");
-    void add_fault(const std::string& op, const std::string& target = "*", long long result = -1);
-    void enable_trace();
     // The call log as "op args result" lines, in order.
     std::string call_log();
-    // How many calls of |op| the log holds.
-    int call_count(const std::string& op);
 
     // FSU folder of a volume: path + "/FSU_" + uuid characters 4 to 35.
     std::string fsu_folder(const std::string& volume_path, const std::string& volume_uuid) const;
@@ -175,9 +89,6 @@ std::string read_file(const std::string& path);
 // Runs any program with the given environment, capturing both outputs.
 RunResult run_program(const std::vector<std::string>& argv, const std::vector<std::string>& env,
                       const std::string& cwd);
-
-// The usage text, as kelvo prints it.
-extern const char* const kUsageText;
 
 }  // namespace kt
 
