@@ -5,6 +5,7 @@
 //   tz ZONE            the case's TZ (UTC otherwise)
 //   at Y-M-D h:m:s     kelvo's clock, local time (the real clock otherwise)
 //   sql + block        run on the database (uuid(n) sid(n) sto(n) ms(text))
+//   {root} anywhere    the server's root folder; other paths are below it
 //   dir PATH | file PATH KIB   folders and files below the server's root
 //   run ARGS           runs kelvo ('' is an empty argument)
 //   out + block        stdout of every run since the last out; stderr empty,
@@ -96,7 +97,10 @@ TEST_P(CaseTest, Run) {
     std::string db_before;
     std::vector<std::string> tree_before, gone;
     std::vector<kt::RunResult> pending;
-    for (const Step& s : c.steps) {
+    for (Step s : c.steps) {
+        for (std::string* text : {&s.arg, &s.block})
+            for (size_t at_root; (at_root = text->find("{root}")) != std::string::npos;)
+                text->replace(at_root, 6, server.root());
         SCOPED_TRACE(s.keyword + " " + s.arg);
         if (s.keyword == "sql") {
             server.exec(s.block);
