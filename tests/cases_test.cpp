@@ -7,6 +7,7 @@
 //   sql + block        run on the database (uuid(n) sid(n) sto(n) ms(text))
 //   {root} anywhere    the server's root folder; other paths are below it
 //   dir PATH | file PATH KIB   folders and files below the server's root
+//   env NAME=VALUE     for the runs that follow
 //   run ARGS           runs kelvo ('' is an empty argument)
 //   out + block        stdout of every run since the last out; stderr empty,
 //                      status 0; ORN_LOG_FILE is log.txt below the root
@@ -91,7 +92,7 @@ TEST_P(CaseTest, Run) {
     for (const Step& s : c.steps)
         if (s.keyword == "tz") tz = s.arg;
     kt::SimServer server(tz);
-    const std::vector<std::string> env = {"ORN_LOG_FILE=" + server.path("log.txt")};
+    std::vector<std::string> env = {"ORN_LOG_FILE=" + server.path("log.txt")};
     long long at = -1;
     bool snapped = false, db_may_change = false;
     std::string db_before;
@@ -109,6 +110,8 @@ TEST_P(CaseTest, Run) {
         } else if (s.keyword == "file") {  // PATH KIB: real blocks for du
             std::vector<std::string> w = split(s.arg);
             std::ofstream(server.path(w[0])) << std::string(std::stoul(w[1]) * 1024, 'x');
+        } else if (s.keyword == "env") {
+            env.push_back(s.arg);
         } else if (s.keyword == "at") {
             at = epoch(s.arg);
         } else if (s.keyword == "run") {
