@@ -12,7 +12,9 @@
 //   out + block        stdout of every run since the last out; stderr empty,
 //                      status 0; ORN_LOG_FILE is log.txt below the root
 //   after SQL + block  rows after the runs; without one the database must
-//                      not change
+//                      not change (checked before a fixture step that follows
+//                      runs, and at the end)
+//   rows SQL + block   rows of a query, allowing no change
 //   calls [OPS] + block   the call log (of those ops)
 //   log + block        what the library logged
 //   gone PATH          what the runs removed: everything below PATH, and
@@ -84,6 +86,39 @@ long long epoch(const std::string& text) {
     return static_cast<long long>(mktime(&t));
 }
 
+// What the runs since the last fixture step may change, and the state before them.
+struct Baseline {
+    bool taken = false, db_may_change = false;
+    std::string db;
+    std::vector<std::string> tree, gone;
+};
+
+std::vector<std::string> tree_of(kt::SimServer& server) {
+    std::vector<std::string> tree = server.tree();
+    tree.erase(std::remove(tree.begin(), tree.end(), "log.txt"), tree.end());
+    return tree;
+}
+
+// The database is unchanged unless an after step allowed it; the tree lost
+// exactly what lies below the paths named gone.
+void check_changes(kt::SimServer& server, Baseline& b) {
+    if (!b.taken) return;
+    if (!b.db_may_change) {
+        EXPECT_EQ(server.dump_tables(), b.db) << "the database changed";
+    }
+    std::vector<std::string> expected;
+    for (const std::string& g : b.gone)
+        EXPECT_TRUE(std::any_of(b.tree.begin(), b.tree.end(),
+                                [&](const std::string& p) { return p.rfind(g, 0) == 0; }))
+            << g << " was not there before";
+    for (const std::string& path : b.tree)
+        if (std::none_of(b.gone.begin(), b.gone.end(),
+                         [&](const std::string& g) { return path.rfind(g, 0) == 0; }))
+            expected.push_back(path);
+    EXPECT_EQ(tree_of(server), expected);
+    b = Baseline();
+}
+
 class CaseTest : public ::testing::TestWithParam<Case> {};
 
 TEST_P(CaseTest, Run) {
@@ -94,15 +129,15 @@ TEST_P(CaseTest, Run) {
     kt::SimServer server(tz);
     std::vector<std::string> env = {"ORN_LOG_FILE=" + server.path("log.txt")};
     long long at = -1;
-    bool snapped = false, db_may_change = false;
-    std::string db_before;
-    std::vector<std::string> tree_before, gone;
+    Baseline b;
     std::vector<kt::RunResult> pending;
     for (Step s : c.steps) {
         for (std::string* text : {&s.arg, &s.block})
             for (size_t at_root; (at_root = text->find("{root}")) != std::string::npos;)
                 text->replace(at_root, 6, server.root());
         SCOPED_TRACE(s.keyword + " " + s.arg);
+        if (s.keyword == "sql" || s.keyword == "dir" || s.keyword == "file")
+            check_changes(server, b);
         if (s.keyword == "sql") {
             server.exec(s.block);
         } else if (s.keyword == "dir") {
@@ -115,20 +150,16 @@ TEST_P(CaseTest, Run) {
         } else if (s.keyword == "at") {
             at = epoch(s.arg);
         } else if (s.keyword == "run") {
-            if (!snapped) {
-                db_before = server.dump_tables();
-                tree_before = server.tree();
-                snapped = true;
-            }
+            if (!b.taken) b = {true, false, server.dump_tables(), tree_of(server), {}};
             pending.push_back(at < 0 ? server.run(split(s.arg), env)
                                      : server.run_at(at, split(s.arg), env));
         } else if (s.keyword == "out") {
             EXPECT_FALSE(pending.empty()) << "out without run";
             for (const kt::RunResult& r : pending) kt::expect_output(r, s.block);
             pending.clear();
-        } else if (s.keyword == "after") {  // rows of a query after the runs
+        } else if (s.keyword == "after" || s.keyword == "rows") {
             EXPECT_EQ(server.query(s.arg), s.block);
-            db_may_change = true;
+            b.db_may_change = b.db_may_change || s.keyword == "after";
         } else if (s.keyword == "calls") {  // the call log, of the ops named
             std::string where;
             for (const std::string& op : split(s.arg))
@@ -140,30 +171,16 @@ TEST_P(CaseTest, Run) {
         } else if (s.keyword == "log") {
             EXPECT_EQ(kt::read_file(server.path("log.txt")), s.block);
         } else if (s.keyword == "gone") {
-            gone.push_back(s.arg);
+            b.gone.push_back(s.arg);
         } else if (s.keyword != "tz") {
             ADD_FAILURE() << "unknown keyword " << s.keyword;
         }
     }
     EXPECT_TRUE(pending.empty()) << "run without out";
-    if (!db_may_change) {
-        EXPECT_EQ(server.dump_tables(), db_before) << "the database changed";
-    }
-    // The tree loses exactly what lies below the paths named gone.
-    for (const std::string& g : gone)
-        EXPECT_TRUE(std::any_of(tree_before.begin(), tree_before.end(),
-                                [&](const std::string& p) { return p.rfind(g, 0) == 0; }))
-            << g << " was not there before";
-    std::vector<std::string> expected;
-    for (const std::string& path : tree_before) {
-        bool removed = false;
-        for (const std::string& g : gone) removed = removed || path.rfind(g, 0) == 0;
-        if (!removed && path != "log.txt") expected.push_back(path);
-    }
-    std::vector<std::string> after = server.tree();
-    after.erase(std::remove(after.begin(), after.end(), "log.txt"), after.end());
-    EXPECT_EQ(after, expected);
+    check_changes(server, b);
 }
+
+void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 
 INSTANTIATE_TEST_SUITE_P(Cases, CaseTest, ::testing::ValuesIn(load_cases()),
                          [](const ::testing::TestParamInfo<Case>& info) { return info.param.name; });
