@@ -8,7 +8,7 @@
 //   {root} anywhere    the server's root folder; other paths are below it
 //   dir PATH | file PATH KIB   folders and files below the server's root
 //   env NAME=VALUE     for the runs that follow
-//   run ARGS           runs kelvo ('' is an empty argument)
+//   run ARGS           runs kelvo ('a b' is one argument, '' an empty one)
 //   out + block        stdout of every run since the last out; stderr empty,
 //                      status 0; ORN_LOG_FILE is log.txt below the root
 //   after SQL + block  rows after the runs; without one the database must
@@ -71,10 +71,17 @@ std::vector<Case> load_cases() {
     return cases;
 }
 
+// Words split on spaces; 'a b' is one word, '' an empty one.
 std::vector<std::string> split(const std::string& text) {
     std::vector<std::string> words;
-    std::istringstream in(text);
-    for (std::string w; in >> w;) words.push_back(w == "''" ? "" : w);
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == ' ') continue;
+        bool quoted = text[i] == '\'';
+        size_t end = text.find(quoted ? '\'' : ' ', i + 1);
+        if (end == std::string::npos) end = text.size();
+        words.push_back(text.substr(i + quoted, end - i - quoted));
+        i = end;
+    }
     return words;
 }
 
