@@ -7,6 +7,7 @@
 //   sql + block        run on the database (uuid(n) sid(n) sto(n) ms(text))
 //   {root} anywhere    the server's root folder; other paths are below it
 //   dir PATH | file PATH KIB   folders and files below the server's root
+//   link PATH TARGET | script PATH + block   a symbolic link, a program
 //   env NAME=VALUE     for the runs that follow
 //   run ARGS           runs kelvo ('a b' is one argument, '' an empty one)
 //   out + block        stdout of every run since the last out; stderr empty,
@@ -20,6 +21,8 @@
 //   gone PATH          what the runs removed: everything below PATH, and
 //                      nothing else of the tree may change
 #include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -143,7 +146,8 @@ TEST_P(CaseTest, Run) {
             for (size_t at_root; (at_root = text->find("{root}")) != std::string::npos;)
                 text->replace(at_root, 6, server.root());
         SCOPED_TRACE(s.keyword + " " + s.arg);
-        if (s.keyword == "sql" || s.keyword == "dir" || s.keyword == "file")
+        if (s.keyword == "sql" || s.keyword == "dir" || s.keyword == "file" ||
+            s.keyword == "link" || s.keyword == "script")
             check_changes(server, b);
         if (s.keyword == "sql") {
             server.exec(s.block);
@@ -152,6 +156,12 @@ TEST_P(CaseTest, Run) {
         } else if (s.keyword == "file") {  // PATH KIB: real blocks for du
             std::vector<std::string> w = split(s.arg);
             std::ofstream(server.path(w[0])) << std::string(std::stoul(w[1]) * 1024, 'x');
+        } else if (s.keyword == "link") {  // PATH TARGET
+            std::vector<std::string> w = split(s.arg);
+            EXPECT_EQ(symlink(w[1].c_str(), server.path(w[0]).c_str()), 0);
+        } else if (s.keyword == "script") {  // PATH + block: an executable file
+            std::ofstream(server.path(s.arg)) << s.block;
+            EXPECT_EQ(chmod(server.path(s.arg).c_str(), 0755), 0);
         } else if (s.keyword == "env") {
             env.push_back(s.arg);
         } else if (s.keyword == "at") {
