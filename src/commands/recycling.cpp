@@ -16,26 +16,8 @@ namespace {
 
 // Recycling looks back this far from the present time.
 const int64_t kRecycleWindowSeconds = 2592000;  // 30 days
-const uint32_t kStreamCount = 5;                // streams 0 to 4
-const uint32_t kPassCount = 2;                  // pass 0 normal, pass 1 alarm
-
-uint32_t pass_record_type(uint32_t pass) {
-    return pass == 0 ? kRecordTypeNormal : kRecordTypeAlarm;
-}
-
 int64_t recycle_range_start_ms() {
     return (static_cast<int64_t>(time(nullptr)) - kRecycleWindowSeconds) * 1000;
-}
-
-bool skip_channel(const TChannelStorageSetting& entry, int channel_id) {
-    return is_empty_slot(entry.sid) || !channel_selected(channel_id, entry.channel_id);
-}
-
-stream_info make_stream_info(const TChannelStorageSetting& entry) {
-    stream_info info;
-    info.channel_id = entry.channel_id;
-    std::memcpy(info.sid, entry.sid, sizeof(info.sid));
-    return info;
 }
 
 // One piece of work on a fresh engine: init, recycle only when bound,
@@ -51,21 +33,34 @@ void recycle_with_engine(const ornsid& target, stream_info info, int64_t from_ms
     engine->uninit();
 }
 
-// The bound of every stream of one channel entry, record type 4 then 1,
-// streams 0 to 4, handed to |visit| with the stream it names.
+// The bound of one stream from its own channel session: -1 without a
+// session, else as bound_from_periods, the present time when unbound.
+int query_recycle_bound(const channel_sid& channel, int record_type, int stream,
+                        int64_t from_ms, int64_t& bound_ms) {
+    COrnChannel factory;
+    IFrameChannelSession* session = nullptr;
+    factory.create_channel_session(make_channel_sid(channel.channel_id, channel.sid), &session);
+    if (session == nullptr) return -1;
+
+    std::list<time_period> periods;
+    session->query_time_periods(record_type, stream, from_ms, now_ms(), periods, 0, 1, 1);
+    factory.destroy_channel_session(&session);
+
+    int result = bound_from_periods(periods, from_ms, bound_ms);
+    if (result == 1) bound_ms = now_ms();
+    return result;
+}
+
+// The bound of every stream of one channel entry, in the walk order from
+// stream 0, handed to |visit| with the stream it names.
 template <typename Visit>
 void walk_recycle_bounds(const TChannelStorageSetting& entry, int64_t from_ms, Visit visit) {
-    stream_info info = make_stream_info(entry);
-    for (uint32_t pass = 0; pass < kPassCount; ++pass) {
-        for (uint32_t stream = 0; stream < kStreamCount; ++stream) {
-            int64_t bound_ms = 0;
-            int r = compute_recycle_bound(make_channel_sid(entry.channel_id, entry.sid), pass,
-                                          stream, from_ms, bound_ms);
-            info.stream = stream;
-            info.record_type = pass_record_type(pass);
-            visit(static_cast<const stream_info&>(info), r, bound_ms);
-        }
-    }
+    const channel_sid channel = make_channel_sid(entry.channel_id, entry.sid);
+    for_each_record_stream(0, [&](int record_type, int stream) {
+        int64_t bound_ms = 0;
+        int r = query_recycle_bound(channel, record_type, stream, from_ms, bound_ms);
+        visit(make_stream_info(entry.channel_id, entry.sid, stream, record_type), r, bound_ms);
+    });
 }
 
 // The volume's path as a terminated text, whatever its field holds.
@@ -124,19 +119,8 @@ int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms,
 
 int compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
                           const int64_t& from_ms, int64_t& bound_ms) {
-    COrnChannel factory;
-    IFrameChannelSession* session = nullptr;
-    factory.create_channel_session(make_channel_sid(channel.channel_id, channel.sid), &session);
-    if (session == nullptr) return -1;
-
-    std::list<time_period> periods;
-    session->query_time_periods(alarm == 0 ? kRecordTypeNormal : kRecordTypeAlarm,
-                                static_cast<int>(stream), from_ms, now_ms(), periods, 0, 1, 1);
-    factory.destroy_channel_session(&session);
-
-    int result = bound_from_periods(periods, from_ms, bound_ms);
-    if (result == 1) bound_ms = now_ms();
-    return result;
+    return query_recycle_bound(channel, alarm == 0 ? kRecordTypeNormal : kRecordTypeAlarm,
+                               static_cast<int>(stream), from_ms, bound_ms);
 }
 
 void cmd_volclean(IStorageSetting* setting, int channel_id) {
@@ -151,7 +135,7 @@ void cmd_volclean(IStorageSetting* setting, int channel_id) {
     const int64_t from_ms = recycle_range_start_ms();
 
     for (const TChannelStorageSetting& entry : channels) {
-        if (skip_channel(entry, channel_id)) continue;
+        if (!entry_selected(entry, channel_id)) continue;
         printf("Recycle --ch%02d-- data ...\n", static_cast<int>(entry.channel_id + 1));
         walk_recycle_bounds(entry, from_ms, [&](const stream_info& info, int r, int64_t bound_ms) {
             if (r == -1) return;
@@ -175,7 +159,7 @@ void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id) 
     const int64_t from_ms = recycle_range_start_ms();
 
     for (const TChannelStorageSetting& entry : channels) {
-        if (skip_channel(entry, channel_id)) continue;
+        if (!entry_selected(entry, channel_id)) continue;
         // Only a stream with a listed period has data the database no longer knows.
         walk_recycle_bounds(entry, from_ms, [&](const stream_info& info, int r, int64_t bound_ms) {
             if (r != 0) return;
