@@ -78,6 +78,11 @@ int measure_volume_usage(const TVolumeInfo& volume, int64_t& preallocate_remain_
 // reach |from_ms|, minus 1 (result 0); 1 without such a period, bound
 // untouched.
 int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms, int64_t& bound_ms);
+// Start of the window recycling looks back over: 30 days before |now_ms|.
+int64_t recycle_window_start_ms(int64_t now_ms);
+// bound_from_periods, with the bound set to |now_ms| when it finds nothing.
+int recycle_bound(const std::list<time_period>& periods, int64_t from_ms, int64_t now_ms,
+                  int64_t& bound_ms);
 // measure_volume_usage without its messages: 0, or why it measured nothing.
 enum UsageFailure { kUsageNoFolder = -1, kUsageNoDu = -2 };
 int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_mb);

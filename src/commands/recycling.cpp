@@ -16,10 +16,6 @@ namespace {
 
 // Recycling looks back this far from the present time.
 const int64_t kRecycleWindowSeconds = 2592000;  // 30 days
-int64_t recycle_range_start_ms() {
-    return (static_cast<int64_t>(time(nullptr)) - kRecycleWindowSeconds) * 1000;
-}
-
 // One piece of work on a fresh engine: init, recycle only when bound,
 // uninit and destruction whatever init returned.
 template <typename Engine>
@@ -46,9 +42,7 @@ int query_recycle_bound(const channel_sid& channel, int record_type, int stream,
     session->query_time_periods(record_type, stream, from_ms, now_ms(), periods, 0, 1, 1);
     factory.destroy_channel_session(&session);
 
-    int result = bound_from_periods(periods, from_ms, bound_ms);
-    if (result == 1) bound_ms = now_ms();
-    return result;
+    return recycle_bound(periods, from_ms, now_ms(), bound_ms);
 }
 
 // The bound of every stream of one channel entry, in the walk order from
@@ -117,6 +111,17 @@ int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms,
     return 0;
 }
 
+int64_t recycle_window_start_ms(int64_t now_ms) {
+    return now_ms - kRecycleWindowSeconds * 1000;
+}
+
+int recycle_bound(const std::list<time_period>& periods, int64_t from_ms, int64_t now_ms,
+                  int64_t& bound_ms) {
+    int result = bound_from_periods(periods, from_ms, bound_ms);
+    if (result == 1) bound_ms = now_ms;
+    return result;
+}
+
 int compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
                           const int64_t& from_ms, int64_t& bound_ms) {
     return query_recycle_bound(channel, alarm == 0 ? kRecordTypeNormal : kRecordTypeAlarm,
@@ -132,7 +137,7 @@ void cmd_volclean(IStorageSetting* setting, int channel_id) {
         printf("No space or channel found.\n");
         return;
     }
-    const int64_t from_ms = recycle_range_start_ms();
+    const int64_t from_ms = recycle_window_start_ms(now_ms());
 
     for (const TChannelStorageSetting& entry : channels) {
         if (!entry_selected(entry, channel_id)) continue;
@@ -156,7 +161,7 @@ void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id) 
         printf("No channel settings found.\n");
         return;
     }
-    const int64_t from_ms = recycle_range_start_ms();
+    const int64_t from_ms = recycle_window_start_ms(now_ms());
 
     for (const TChannelStorageSetting& entry : channels) {
         if (!entry_selected(entry, channel_id)) continue;

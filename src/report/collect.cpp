@@ -18,7 +18,6 @@ namespace {
 
 const int kRecycleFirstStream = 0;  // volclean's streams: 0 to 4
 const int kNullIdFirstStream = 1;   // nullid's: 1 to 4
-const int64_t kRecycleWindowMs = 2592000LL * 1000;  // 30 days
 
 std::string field_text(const char* field, size_t width) {
     return std::string(field, strnlen(field, width));
@@ -130,10 +129,9 @@ public:
         RecycleFigures r;
         r.record_type = record_type;
         r.stream = stream;
-        r.from_ms = now_ms_ - kRecycleWindowMs;
+        r.from_ms = recycle_window_start_ms(now_ms_);
         r.query_failed = result != 0;
-        r.whole_window = bound_from_periods(periods, r.from_ms, r.bound_ms) == 1;
-        if (r.whole_window) r.bound_ms = now_ms_;
+        r.whole_window = recycle_bound(periods, r.from_ms, now_ms_, r.bound_ms) == 1;
         c.recycle.push_back(r);
     }
 
