@@ -57,17 +57,6 @@ void walk_recycle_bounds(const TChannelStorageSetting& entry, int64_t from_ms, V
     });
 }
 
-// The volume's path as a terminated text, whatever its field holds.
-struct VolumePath {
-    char text[sizeof(TVolumeConfig::path) + 1];
-    explicit VolumePath(const TVolumeInfo& volume) {
-        const char* field = volume.setting.config.path;
-        size_t n = strnlen(field, sizeof(TVolumeConfig::path));
-        std::memcpy(text, field, n);
-        text[n] = '\0';
-    }
-};
-
 // Writes "du " and |folder| quoted for the shell into |command|, so that the
 // folder reaches du as one argument whatever it contains. False when it does
 // not fit.
@@ -175,13 +164,11 @@ void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id) 
 }
 
 int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_mb) {
-    const VolumePath path(volume);
     // Neither the folder path nor the command "du <folder>" may be cut to fit
     // its 256-byte buffer: a path that does not fit is reported like one that
     // cannot be entered, before the working directory changes.
     char folder[256];
-    int n = snprintf(folder, sizeof(folder), "%s/FSU_%.32s/preallocate", path.text,
-                     volume.uuid.uuid + 4);
+    int n = format_fsu_folder(folder, sizeof(folder), volume, "/preallocate");
     const size_t kCommandSize = 256;
     if (n < 0 || static_cast<size_t>(n) + strlen("du ") >= kCommandSize || chdir(folder) != 0)
         return kUsageNoFolder;

@@ -3,6 +3,7 @@
 #define KELVO_COMMANDS_SHARED_H
 
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 
@@ -50,6 +51,25 @@ inline channel_sid make_channel_sid(uint32_t channel_id, const char sid[32]) {
     channel.channel_id = channel_id;
     std::memcpy(channel.sid, sid, sizeof(channel.sid));
     return channel;
+}
+
+// A volume's path as a terminated text, even when it fills its whole field.
+struct VolumePath {
+    char text[sizeof(TVolumeConfig::path) + 1];
+    explicit VolumePath(const TVolumeInfo& volume) {
+        const char* field = volume.setting.config.path;
+        size_t n = strnlen(field, sizeof(TVolumeConfig::path));
+        std::memcpy(text, field, n);
+        text[n] = '\0';
+    }
+};
+
+// The volume's folder "<path>/FSU_<uuid bytes 4 to 35>" followed by |rest|,
+// written by snprintf into |out|; snprintf's result.
+inline int format_fsu_folder(char* out, size_t size, const TVolumeInfo& volume,
+                             const char* rest) {
+    return snprintf(out, size, "%s/FSU_%.32s%s", VolumePath(volume).text, volume.uuid.uuid + 4,
+                    rest);
 }
 
 // Names one stream of a channel; every other byte is zero.

@@ -78,26 +78,16 @@ void cmd_spacelist(IStorageSetting* setting) {
 
 namespace {
 
-// A volume's path as a terminated text, even when it fills its whole field.
-void copy_path(const TVolumeInfo& volume, char path[1025]) {
-    const char* field = volume.setting.config.path;
-    size_t n = strnlen(field, sizeof(volume.setting.config.path));
-    std::memcpy(path, field, n);
-    path[n] = '\0';
-}
-
-
 // The first volume whose path rest after "share/" is |volume_name|; volumes
 // without "share/" have no name and never match.
 int find_volume(IStorageSetting* setting, const char* volume_name, TVolumeInfo& found) {
     std::list<TVolumeInfo> volumes;
     setting->get_volume_list(volumes);
     for (const TVolumeInfo& volume : volumes) {
-        char path[1025];
-        copy_path(volume, path);
-        if (strstr(path, "share/") == nullptr) continue;
+        const VolumePath path(volume);
+        if (strstr(path.text, "share/") == nullptr) continue;
         char name[128];
-        strip_share_prefix(path, name);
+        strip_share_prefix(path.text, name);
         if (strcmp(name, volume_name) == 0) {
             found = volume;
             return 0;
@@ -168,10 +158,8 @@ const char* volume_type_text(uint32_t volume_type) {
 }
 
 void volume_display_name(const TVolumeInfo& volume, char name[128]) {
-    char path[1025];
-    copy_path(volume, path);
     snprintf(name, 128, "VolName_%d", volume.setting.config.volume_no);
-    strip_share_prefix(path, name);
+    strip_share_prefix(VolumePath(volume).text, name);
 }
 
 int find_volume_uuid(IStorageSetting* setting, const char* volume_name, char uuid[36]) {

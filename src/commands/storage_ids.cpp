@@ -21,12 +21,10 @@ int shown_channel(uint32_t channel_id) { return static_cast<int>(channel_id + 1u
 
 bool starts_before(const time_period& a, const time_period& b) { return a.start_ms < b.start_ms; }
 
-// "%s/FSU_%.32s" from the volume's path and uuid bytes 4 to 35. False when
-// the path does not fit: the volume is then skipped, never probed truncated.
+// The volume's FSU folder. False when the path does not fit: the volume is
+// then skipped, never probed truncated.
 bool make_fsu_folder(const TVolumeInfo& volume, char out[kPathBufferSize]) {
-    const TVolumeConfig& config = volume.setting.config;
-    int n = snprintf(out, kPathBufferSize, "%.*s/FSU_%.32s", static_cast<int>(sizeof(config.path)),
-                     config.path, volume.uuid.uuid + 4);
+    int n = format_fsu_folder(out, kPathBufferSize, volume, "");
     return n >= 0 && static_cast<size_t>(n) < kPathBufferSize;
 }
 
