@@ -25,6 +25,10 @@ void strip_share_prefix(const char* path, char name[128]);
 void volume_display_name(const TVolumeInfo& volume, char name[128]);
 // "NORMAL" for type 0, "SPARE " for any other.
 const char* volume_type_text(uint32_t volume_type);
+// The first space of |spaces|, fetched here, whose name is |space_name|
+// whole; null, after vollist's and spaceinfo's message, when there is none.
+const TSpaceInfo* find_space_by_name(IStorageSetting* setting, const char* space_name,
+                                     std::list<TSpaceInfo>& spaces);
 int find_volume_uuid(IStorageSetting* setting, const char* volume_name, char uuid[36]);
 int find_volume_no(IStorageSetting* setting, const char* volume_name, TVolumeConfig& config);
 

@@ -105,30 +105,35 @@ bool same_name(const char (&field)[512], const char* name) {
 // Prints the space header; false when the space list has no such name.
 bool print_space_header(IStorageSetting* setting, const char* space_name, ornsid& group) {
     std::list<TSpaceInfo> spaces;
-    setting->get_space_list(spaces);
-    if (spaces.empty()) {
-        printf("no space [%s] info\n", space_name);
-        return false;
-    }
-    for (const TSpaceInfo& space : spaces) {
-        if (!same_name(space.name, space_name)) continue;
-        char status[26];
-        space_status_text(space.status, space.spare_status, status);
-        printf("Space: %s\n", space_name);
-        printf("[%.512s], total size: %lld GB, used: %lld MB, use %2.2f%% [%s]\n", space.name,
-               static_cast<long long>(space.total_size_mb / 1024),
-               static_cast<long long>(space.used_size_mb),
-               use_percent(space.used_size_mb, space.total_size_mb), status);
-        group = ornsid(space.group_uuid.uuid);
-        printf("\n");
-        return true;
-    }
+    const TSpaceInfo* space = find_space_by_name(setting, space_name, spaces);
+    if (space == nullptr) return false;
+    char status[26];
+    space_status_text(space->status, space->spare_status, status);
+    printf("Space: %s\n", space_name);
+    printf("[%.512s], total size: %lld GB, used: %lld MB, use %2.2f%% [%s]\n", space->name,
+           static_cast<long long>(space->total_size_mb / 1024),
+           static_cast<long long>(space->used_size_mb),
+           use_percent(space->used_size_mb, space->total_size_mb), status);
+    group = ornsid(space->group_uuid.uuid);
     printf("\n");
-    printf("no space [%s] info\n", space_name);
-    return false;
+    return true;
 }
 
 }  // namespace
+
+const TSpaceInfo* find_space_by_name(IStorageSetting* setting, const char* space_name,
+                                     std::list<TSpaceInfo>& spaces) {
+    setting->get_space_list(spaces);
+    if (spaces.empty()) {
+        printf("no space [%s] info\n", space_name);
+        return nullptr;
+    }
+    for (const TSpaceInfo& space : spaces)
+        if (same_name(space.name, space_name)) return &space;
+    printf("\n");
+    printf("no space [%s] info\n", space_name);
+    return nullptr;
+}
 
 void cmd_vollist(IStorageSetting* setting, const char* space_name) {
     ornsid group;
