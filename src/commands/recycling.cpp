@@ -45,12 +45,12 @@ int query_recycle_bound(const channel_sid& channel, int record_type, int stream,
     return recycle_bound(periods, from_ms, now_ms(), bound_ms);
 }
 
-// The bound of every stream of one channel entry, in the walk order from
-// stream 0, handed to |visit| with the stream it names.
+// The bound of every stream of one channel entry, in the walk order,
+// handed to |visit| with the stream it names.
 template <typename Visit>
 void walk_recycle_bounds(const TChannelStorageSetting& entry, int64_t from_ms, Visit visit) {
     const channel_sid channel = make_channel_sid(entry.channel_id, entry.sid);
-    for_each_record_stream(0, [&](int record_type, int stream) {
+    for_each_record_stream(kRecycleFirstStream, [&](int record_type, int stream) {
         int64_t bound_ms = 0;
         int r = query_recycle_bound(channel, record_type, stream, from_ms, bound_ms);
         visit(make_stream_info(entry.channel_id, entry.sid, stream, record_type), r, bound_ms);

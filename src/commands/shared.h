@@ -14,7 +14,10 @@
 const int kRecordTypeNormal = 4;
 const int kRecordTypeAlarm = 1;
 const int kRecordTypes[] = {kRecordTypeNormal, kRecordTypeAlarm};
-// Streams are numbered 0 to 4; the storage-id commands leave out stream 0.
+// Streams are numbered 0 to 4; recycling walks them all, the storage-id
+// commands leave out stream 0.
+const int kRecycleFirstStream = 0;
+const int kStorageIdFirstStream = 1;
 const int kLastStream = 4;
 
 inline const char* record_type_label(uint32_t record_type) {
@@ -45,6 +48,9 @@ inline bool channel_selected(int channel_id, uint32_t entry_channel_id) {
 inline bool entry_selected(const TChannelStorageSetting& entry, int channel_id) {
     return !is_empty_slot(entry.sid) && channel_selected(channel_id, entry.channel_id);
 }
+
+// Sids read as texts: up to the first zero byte, at most 32 characters.
+inline bool same_sid(const char* a, const char* b) { return strncmp(a, b, 32) == 0; }
 
 inline channel_sid make_channel_sid(uint32_t channel_id, const char sid[32]) {
     channel_sid channel;

@@ -12,9 +12,6 @@
 
 namespace {
 
-// Sids read as texts: up to the first zero byte, at most 32 characters.
-bool same_sid(const char a[32], const char b[32]) { return strncmp(a, b, 32) == 0; }
-
 // Collects the storage ids of the channel's profiles, in list order.
 void collect_storage_ids(const std::list<TStoreIDProfile>& profiles, const channel_sid& channel,
                          std::list<TStorageId>& ids) {

@@ -243,7 +243,7 @@ void cmd_nullid(IStorageSetting* setting, int channel_id) {
             ++count;
         }
     } lister;
-    if (!walk_channel_periods(setting, channel_id, 1, now_ms(), lister)) {
+    if (!walk_channel_periods(setting, channel_id, kStorageIdFirstStream, now_ms(), lister)) {
         printf("No channel found.\n");
         return;
     }
@@ -260,7 +260,7 @@ void cmd_recoverid(IStorageSetting* setting, int channel_id) {
             recover_period(setting, recovery, entry, record_type, period, header);
         }
     } recoverer(setting);
-    if (!walk_channel_periods(setting, channel_id, 1, now_ms(), recoverer)) {
+    if (!walk_channel_periods(setting, channel_id, kStorageIdFirstStream, now_ms(), recoverer)) {
         printf("No channel found.\n");
         return;
     }

@@ -16,9 +16,6 @@
 
 namespace {
 
-const int kRecycleFirstStream = 0;  // volclean's streams: 0 to 4
-const int kNullIdFirstStream = 1;   // nullid's: 1 to 4
-
 std::string field_text(const char* field, size_t width) {
     return std::string(field, strnlen(field, width));
 }
@@ -121,7 +118,7 @@ public:
     void answer(const TChannelStorageSetting&, int record_type, int stream, int result,
                 std::list<time_period>& periods) override {
         ChannelFigures& c = report_.channels.back();
-        if (stream >= kNullIdFirstStream) {
+        if (stream >= kStorageIdFirstStream) {
             if (result != 0) ++c.query_failures;
             for (const time_period& period : periods)
                 if (is_null_storage_id(period)) ++c.null_storage_ids;
@@ -153,7 +150,7 @@ void collect_recordings(IStorageSetting* setting, const std::list<TSpaceInfo>& s
             bool sized = false;
             long long size_mb = 0;
             for (ChannelFigures& c : report.channels) {
-                if (strncmp(c.sid.c_str(), block.channel.sid, 32) != 0) continue;
+                if (!same_sid(c.sid.c_str(), block.channel.sid)) continue;
                 if (!c.recordings.empty() && c.recordings.back().space == index) continue;
                 if (!sized) setting->get_total_recording_size(space_id, block.channel, &size_mb);
                 sized = true;
