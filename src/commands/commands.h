@@ -37,8 +37,8 @@ void cmd_voluse(IStorageSetting* setting, IPlugPlayService* service, int channel
 void cmd_volchn(IStorageSetting* setting, IPlugPlayService* service, const char* volume_name);
 // Every volume in list order with its display name and the channels the
 // service reports on it (voluse).
-using VolumeChannelsVisit = std::function<void(
-    const TVolumeInfo& volume, const char (&name)[128], const std::list<channel_sid>& channels)>;
+using VolumeChannelsVisit = std::function<void(const TVolumeInfo& volume, const char (&name)[128],
+                                               const std::list<channel_sid>& channels)>;
 void walk_volume_channels(IStorageSetting* setting, IPlugPlayService* service,
                           const VolumeChannelsVisit& visit);
 // By channel id, stable (volchn's order).

@@ -19,20 +19,18 @@ const int64_t kRecycleWindowSeconds = 2592000;  // 30 days
 // One piece of work on a fresh engine: init, recycle only when bound,
 // uninit and destruction whatever init returned.
 template <typename Engine>
-void recycle_with_engine(const ornsid& target, stream_info info, int64_t from_ms,
-                         int64_t bound_ms, const char* init_failure) {
+void recycle_with_engine(const ornsid& target, stream_info info, int64_t from_ms, int64_t bound_ms,
+                         const char* init_failure) {
     std::unique_ptr<Engine> engine(new Engine());
-    if (engine->init(ornsid(target.uuid)) != 0)
-        printf("%s", init_failure);
-    else
-        engine->recycle_channel_data(info, from_ms, bound_ms);
+    if (engine->init(ornsid(target.uuid)) != 0) printf("%s", init_failure);
+    else engine->recycle_channel_data(info, from_ms, bound_ms);
     engine->uninit();
 }
 
 // The bound of one stream from its own channel session: -1 without a
 // session, else as bound_from_periods, the present time when unbound.
-int query_recycle_bound(const channel_sid& channel, int record_type, int stream,
-                        int64_t from_ms, int64_t& bound_ms) {
+int query_recycle_bound(const channel_sid& channel, int record_type, int stream, int64_t from_ms,
+                        int64_t& bound_ms) {
     COrnChannel factory;
     IFrameChannelSession* session = nullptr;
     factory.create_channel_session(make_channel_sid(channel.channel_id, channel.sid), &session);
@@ -85,8 +83,7 @@ void print_missing_volume(const VolumePath& path) {
 
 }  // namespace
 
-int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms,
-                       int64_t& bound_ms) {
+int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms, int64_t& bound_ms) {
     bool found = false;
     int64_t earliest = 0;
     for (const time_period& period : periods) {
@@ -100,9 +97,7 @@ int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms,
     return 0;
 }
 
-int64_t recycle_window_start_ms(int64_t now_ms) {
-    return now_ms - kRecycleWindowSeconds * 1000;
-}
+int64_t recycle_window_start_ms(int64_t now_ms) { return now_ms - kRecycleWindowSeconds * 1000; }
 
 int recycle_bound(const std::list<time_period>& periods, int64_t from_ms, int64_t now_ms,
                   int64_t& bound_ms) {
@@ -137,7 +132,8 @@ void cmd_volclean(IStorageSetting* setting, int channel_id) {
                 recycle_with_engine<CFSTier>(space.uuid, info, from_ms, bound_ms,
                                              "Initial Tier to process failure.\n");
             printf("\t[%s S%02d] %s\n", record_type_label(info.record_type),
-                   static_cast<int>(info.stream), r == 0 ? "Success." : "Can not find time period.");
+                   static_cast<int>(info.stream),
+                   r == 0 ? "Success." : "Can not find time period.");
         });
     }
     printf("Recycle process done.\n");
@@ -226,13 +222,15 @@ void cmd_autoclean(IStorageSetting* setting) {
 
         char name[128];
         volume_display_name(volume, name);
-        printf("Volume [%s] total size %lld GB(%lld MB), used %lld MB(preallocate_remain %lld "
-               "MB).\n",
-               name, static_cast<long long>(total / 1024), static_cast<long long>(total),
-               static_cast<long long>(used), static_cast<long long>(preallocate_remain));
-        printf("Size lost %lld MB over %lld MB(%%5) is not resonable. Start to recycle volume "
-               "using space ...\n",
-               static_cast<long long>(lost), static_cast<long long>(total / 20));
+        printf(
+            "Volume [%s] total size %lld GB(%lld MB), used %lld MB(preallocate_remain %lld "
+            "MB).\n",
+            name, static_cast<long long>(total / 1024), static_cast<long long>(total),
+            static_cast<long long>(used), static_cast<long long>(preallocate_remain));
+        printf(
+            "Size lost %lld MB over %lld MB(%%5) is not resonable. Start to recycle volume "
+            "using space ...\n",
+            static_cast<long long>(lost), static_cast<long long>(total / 20));
         recycle_unit(setting, volume, -1);
         ++leak_count;
     }

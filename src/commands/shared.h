@@ -29,7 +29,8 @@ inline const char* record_type_label(uint32_t record_type) {
 template <typename Visit>
 void for_each_record_stream(int first_stream, Visit visit) {
     for (int record_type : kRecordTypes)
-        for (int stream = first_stream; stream <= kLastStream; ++stream) visit(record_type, stream);
+        for (int stream = first_stream; stream <= kLastStream; ++stream)
+            visit(record_type, stream);
 }
 
 // A sid of 32 '9' characters marks a slot without a channel.
@@ -72,8 +73,7 @@ struct VolumePath {
 
 // The volume's folder "<path>/FSU_<uuid bytes 4 to 35>" followed by |rest|,
 // written by snprintf into |out|; snprintf's result.
-inline int format_fsu_folder(char* out, size_t size, const TVolumeInfo& volume,
-                             const char* rest) {
+inline int format_fsu_folder(char* out, size_t size, const TVolumeInfo& volume, const char* rest) {
     return snprintf(out, size, "%s/FSU_%.32s%s", VolumePath(volume).text, volume.uuid.uuid + 4,
                     rest);
 }

@@ -38,10 +38,14 @@ void space_status_text(uint32_t status, int32_t spare_status, char out[26]) {
 }
 
 void volume_state_text(int32_t state, char out[20]) {
-    static const char* const names[] = {
-        "ACTIVE",          "STANDBY",         "NOT_MOUNTED",
-        "STANDBY_NOT_MOUNTED", "CREAT_SHARE_FOLDERS", "VOL_OVER_THRESHOLD",
-        "REMOVING_VOLUME", "UNKNOW_ERROR"};
+    static const char* const names[] = {"ACTIVE",
+                                        "STANDBY",
+                                        "NOT_MOUNTED",
+                                        "STANDBY_NOT_MOUNTED",
+                                        "CREAT_SHARE_FOLDERS",
+                                        "VOL_OVER_THRESHOLD",
+                                        "REMOVING_VOLUME",
+                                        "UNKNOW_ERROR"};
     if (state == 8) {
         out[0] = '\0';
         return;
@@ -153,7 +157,8 @@ void cmd_vollist(IStorageSetting* setting, const char* space_name) {
         printf("[%02d] [%s], [%s] [%s], total size %lld GB, used %lld MB, use %2.2f%%\n", count,
                name, volume_type_text(v.volume_type), state,
                static_cast<long long>(v.total_size_mb / 1024),
-               static_cast<long long>(v.used_size_mb), use_percent(v.used_size_mb, v.total_size_mb));
+               static_cast<long long>(v.used_size_mb),
+               use_percent(v.used_size_mb, v.total_size_mb));
     }
     if (count == 0) printf("no find volume at space [%s]\n", space_name);
 }
@@ -185,7 +190,7 @@ int find_volume_no(IStorageSetting* setting, const char* volume_name, TVolumeCon
 // Read-modify-write of the whole setting: only the type and the state change.
 void cmd_volset(IStorageSetting* setting, const char* volume_name, int volume_type,
                 uint32_t volume_state) {
-    uint32_t type_code = volume_type == 0 ? 0 : 2;  // NORMAL / SPARE
+    uint32_t type_code = volume_type == 0 ? 0 : 2;   // NORMAL / SPARE
     int32_t state_code = volume_state == 0 ? 1 : 0;  // STANDBY / ACTIVE
 
     char uuid[36];

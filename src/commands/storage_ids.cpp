@@ -183,7 +183,8 @@ void time_to_text(int64_t seconds, char out[256]) {
     }
     // The year is widened so that no year localtime_r accepts can overflow.
     snprintf(out, 256, "[%lld-%d-%.2d %.2d:%.2d:%.2d]",
-             static_cast<long long>(local.tm_year) + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+             static_cast<long long>(local.tm_year) + 1900, local.tm_mon + 1, local.tm_mday,
+             local.tm_hour, local.tm_min, local.tm_sec);
 }
 
 int probe_period_location(IStorageSetting& setting, const stream_info& info, int64_t time_ms,
@@ -234,8 +235,8 @@ bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_st
 void cmd_nullid(IStorageSetting* setting, int channel_id) {
     struct Lister : NullPeriods {
         int count = 0;
-        void null_period(const TChannelStorageSetting& entry, int record_type,
-                         time_period& period, bool& header) override {
+        void null_period(const TChannelStorageSetting& entry, int record_type, time_period& period,
+                         bool& header) override {
             PeriodTexts texts = period_texts(period);
             print_header_once(header, entry.channel_id);
             print_period_start(record_type, period, texts.start, texts.end);
@@ -255,8 +256,8 @@ void cmd_recoverid(IStorageSetting* setting, int channel_id) {
         IStorageSetting* setting;
         Recovery recovery;
         explicit Recoverer(IStorageSetting* s) : setting(s) {}
-        void null_period(const TChannelStorageSetting& entry, int record_type,
-                         time_period& period, bool& header) override {
+        void null_period(const TChannelStorageSetting& entry, int record_type, time_period& period,
+                         bool& header) override {
             recover_period(setting, recovery, entry, record_type, period, header);
         }
     } recoverer(setting);

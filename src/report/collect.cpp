@@ -69,17 +69,17 @@ void measure(const TVolumeInfo& volume, VolumeFigures& v) {
     if (measure_preallocate(volume, remain) != 0) return;
     v.measured = true;
     v.preallocate_remain_mb = remain;
-    v.leak = volume_leaks(volume.setting.total_size_mb, remain, volume.setting.used_size_mb,
-                          v.lost_mb);
+    v.leak =
+        volume_leaks(volume.setting.total_size_mb, remain, volume.setting.used_size_mb, v.lost_mb);
 }
 
 // Volumes with their channels (voluse's walk) and, per channel id, the
 // volume voluse shows for it: the last volume in list order that reports it.
 void collect_volumes(IStorageSetting* setting, IPlugPlayService* service, const Options& options,
                      Report& report, std::map<uint32_t, std::string>& volume_of_channel) {
-    walk_volume_channels(setting, service, [&](const TVolumeInfo& volume,
-                                               const char (&name)[128],
-                                               const std::list<channel_sid>& channels) {
+    walk_volume_channels(setting, service,
+                         [&](const TVolumeInfo& volume, const char(&name)[128],
+                             const std::list<channel_sid>& channels) {
         const TVolumeSetting& vs = volume.setting;
         VolumeFigures v;
         v.name = name;
@@ -224,8 +224,8 @@ void add_problem(Report& report, bool critical, const std::string& subject,
     report.problems.push_back(Problem{critical, subject, text});
 }
 
-void check_use(const Options& options, Report& report, const std::string& subject,
-               int64_t used_mb, int64_t total_mb) {
+void check_use(const Options& options, Report& report, const std::string& subject, int64_t used_mb,
+               int64_t total_mb) {
     double percent = 0;
     if (!used_percent(used_mb, total_mb, percent)) return;
     double limit = percent >= options.crit ? options.crit : options.warn;

@@ -154,12 +154,10 @@ bool remove_tree_at(int parent, const char* name, dev_t device) {
     if (fd < 0) return false;
     bool ok = true;
     for (const std::string& entry : folder_entries(fd)) {
-        if (!on_device_at(fd, entry.c_str(), device))
-            ok = false;
+        if (!on_device_at(fd, entry.c_str(), device)) ok = false;
         else if (is_folder_at(fd, entry.c_str()))
             ok = remove_tree_at(fd, entry.c_str(), device) && ok;
-        else if (unlinkat(fd, entry.c_str(), 0) != 0)
-            ok = false;
+        else if (unlinkat(fd, entry.c_str(), 0) != 0) ok = false;
     }
     close(fd);
     return ok && unlinkat(parent, name, AT_REMOVEDIR) == 0;
