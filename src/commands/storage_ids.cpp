@@ -171,7 +171,6 @@ void recover_period(IStorageSetting* setting, Recovery& r, const TChannelStorage
     printf(", recover storage id: [%s]\n", result);
 }
 
-// Present time of the storage-id commands, in ms.
 }  // namespace
 
 void time_to_text(int64_t seconds, char out[256]) {
