@@ -93,7 +93,8 @@ std::string read_file(const std::string& path) {
 
 std::string numbered(const char* prefix, int n, int width) {
     char digits[64];
-    snprintf(digits, sizeof(digits), "%s%0*d", prefix, width - static_cast<int>(strlen(prefix)), n);
+    snprintf(digits, sizeof(digits), "%s%0*d", prefix, width - static_cast<int>(strlen(prefix)),
+             n);
     return digits;
 }
 
@@ -152,7 +153,9 @@ void bind_text(sqlite3_stmt* stmt, int index, const std::string& text) {
     sqlite3_bind_text(stmt, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
 }
 
-std::string volume_path(const Options& o, int v) { return o.root + "/share/" + numbered("Vol", v, 5); }
+std::string volume_path(const Options& o, int v) {
+    return o.root + "/share/" + numbered("Vol", v, 5);
+}
 
 std::string fsu_folder(const Options& o, int v) {
     return volume_path(o, v) + "/FSU_" + volume_uuid(v).substr(4, 32);

@@ -32,9 +32,8 @@ void walk_volume_channels(IStorageSetting* setting, IPlugPlayService* service,
 
 void sort_channels(std::list<channel_sid>& channels) {
     // std::list::sort is stable: equal ids keep the service's order.
-    channels.sort([](const channel_sid& x, const channel_sid& y) {
-        return x.channel_id < y.channel_id;
-    });
+    channels.sort(
+        [](const channel_sid& x, const channel_sid& y) { return x.channel_id < y.channel_id; });
 }
 
 // The service answers which channels record on a volume; asking it about
@@ -43,15 +42,14 @@ void cmd_voluse(IStorageSetting* setting, IPlugPlayService* service, int channel
     char table[kChannelSlots][128];
     std::memset(table, 0, sizeof(table));
     walk_volume_channels(setting, service,
-                         [&table](const TVolumeInfo&, const char (&name)[128],
+                         [&table](const TVolumeInfo&, const char(&name)[128],
                                   const std::list<channel_sid>& channels) {
-                             for (const channel_sid& channel : channels) {
-                                 // Ids beyond the table have no line to show them on.
-                                 if (channel.channel_id >= static_cast<uint32_t>(kChannelSlots))
-                                     continue;
-                                 std::memcpy(table[channel.channel_id], name, sizeof(name));
-                             }
-                         });
+        for (const channel_sid& channel : channels) {
+            // Ids beyond the table have no line to show them on.
+            if (channel.channel_id >= static_cast<uint32_t>(kChannelSlots)) continue;
+            std::memcpy(table[channel.channel_id], name, sizeof(name));
+        }
+    });
 
     for (int i = 0; i < kChannelSlots; ++i) {
         if (channel_id != -1 && channel_id != i) continue;

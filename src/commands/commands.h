@@ -25,6 +25,10 @@ void strip_share_prefix(const char* path, char name[128]);
 void volume_display_name(const TVolumeInfo& volume, char name[128]);
 // "NORMAL" for type 0, "SPARE " for any other.
 const char* volume_type_text(uint32_t volume_type);
+// The first space of |spaces|, fetched here, whose name is |space_name|
+// whole; null, after vollist's and spaceinfo's message, when there is none.
+const TSpaceInfo* find_space_by_name(IStorageSetting* setting, const char* space_name,
+                                     std::list<TSpaceInfo>& spaces);
 int find_volume_uuid(IStorageSetting* setting, const char* volume_name, char uuid[36]);
 int find_volume_no(IStorageSetting* setting, const char* volume_name, TVolumeConfig& config);
 
@@ -33,8 +37,8 @@ void cmd_voluse(IStorageSetting* setting, IPlugPlayService* service, int channel
 void cmd_volchn(IStorageSetting* setting, IPlugPlayService* service, const char* volume_name);
 // Every volume in list order with its display name and the channels the
 // service reports on it (voluse).
-using VolumeChannelsVisit = std::function<void(
-    const TVolumeInfo& volume, const char (&name)[128], const std::list<channel_sid>& channels)>;
+using VolumeChannelsVisit = std::function<void(const TVolumeInfo& volume, const char (&name)[128],
+                                               const std::list<channel_sid>& channels)>;
 void walk_volume_channels(IStorageSetting* setting, IPlugPlayService* service,
                           const VolumeChannelsVisit& visit);
 // By channel id, stable (volchn's order).
@@ -78,6 +82,11 @@ int measure_volume_usage(const TVolumeInfo& volume, int64_t& preallocate_remain_
 // reach |from_ms|, minus 1 (result 0); 1 without such a period, bound
 // untouched.
 int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms, int64_t& bound_ms);
+// Start of the window recycling looks back over: 30 days before |now_ms|.
+int64_t recycle_window_start_ms(int64_t now_ms);
+// bound_from_periods, with the bound set to |now_ms| when it finds nothing.
+int recycle_bound(const std::list<time_period>& periods, int64_t from_ms, int64_t now_ms,
+                  int64_t& bound_ms);
 // measure_volume_usage without its messages: 0, or why it measured nothing.
 enum UsageFailure { kUsageNoFolder = -1, kUsageNoDu = -2 };
 int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_mb);

@@ -16,68 +16,44 @@ namespace {
 
 // Recycling looks back this far from the present time.
 const int64_t kRecycleWindowSeconds = 2592000;  // 30 days
-const uint32_t kStreamCount = 5;                // streams 0 to 4
-const uint32_t kPassCount = 2;                  // pass 0 normal, pass 1 alarm
-
-uint32_t pass_record_type(uint32_t pass) {
-    return pass == 0 ? kRecordTypeNormal : kRecordTypeAlarm;
-}
-
-int64_t recycle_range_start_ms() {
-    return (static_cast<int64_t>(time(nullptr)) - kRecycleWindowSeconds) * 1000;
-}
-
-bool skip_channel(const TChannelStorageSetting& entry, int channel_id) {
-    return is_empty_slot(entry.sid) || !channel_selected(channel_id, entry.channel_id);
-}
-
-stream_info make_stream_info(const TChannelStorageSetting& entry) {
-    stream_info info;
-    info.channel_id = entry.channel_id;
-    std::memcpy(info.sid, entry.sid, sizeof(info.sid));
-    return info;
-}
-
 // One piece of work on a fresh engine: init, recycle only when bound,
 // uninit and destruction whatever init returned.
 template <typename Engine>
-void recycle_with_engine(const ornsid& target, stream_info info, int64_t from_ms,
-                         int64_t bound_ms, const char* init_failure) {
+void recycle_with_engine(const ornsid& target, stream_info info, int64_t from_ms, int64_t bound_ms,
+                         const char* init_failure) {
     std::unique_ptr<Engine> engine(new Engine());
-    if (engine->init(ornsid(target.uuid)) != 0)
-        printf("%s", init_failure);
-    else
-        engine->recycle_channel_data(info, from_ms, bound_ms);
+    if (engine->init(ornsid(target.uuid)) != 0) printf("%s", init_failure);
+    else engine->recycle_channel_data(info, from_ms, bound_ms);
     engine->uninit();
 }
 
-// The bound of every stream of one channel entry, record type 4 then 1,
-// streams 0 to 4, handed to |visit| with the stream it names.
-template <typename Visit>
-void walk_recycle_bounds(const TChannelStorageSetting& entry, int64_t from_ms, Visit visit) {
-    stream_info info = make_stream_info(entry);
-    for (uint32_t pass = 0; pass < kPassCount; ++pass) {
-        for (uint32_t stream = 0; stream < kStreamCount; ++stream) {
-            int64_t bound_ms = 0;
-            int r = compute_recycle_bound(make_channel_sid(entry.channel_id, entry.sid), pass,
-                                          stream, from_ms, bound_ms);
-            info.stream = stream;
-            info.record_type = pass_record_type(pass);
-            visit(static_cast<const stream_info&>(info), r, bound_ms);
-        }
-    }
+// The bound of one stream from its own channel session: -1 without a
+// session, else as bound_from_periods, the present time when unbound.
+int query_recycle_bound(const channel_sid& channel, int record_type, int stream, int64_t from_ms,
+                        int64_t& bound_ms) {
+    COrnChannel factory;
+    IFrameChannelSession* session = nullptr;
+    factory.create_channel_session(make_channel_sid(channel.channel_id, channel.sid), &session);
+    if (session == nullptr) return -1;
+
+    std::list<time_period> periods;
+    session->query_time_periods(record_type, stream, from_ms, now_ms(), periods, 0, 1, 1);
+    factory.destroy_channel_session(&session);
+
+    return recycle_bound(periods, from_ms, now_ms(), bound_ms);
 }
 
-// The volume's path as a terminated text, whatever its field holds.
-struct VolumePath {
-    char text[sizeof(TVolumeConfig::path) + 1];
-    explicit VolumePath(const TVolumeInfo& volume) {
-        const char* field = volume.setting.config.path;
-        size_t n = strnlen(field, sizeof(TVolumeConfig::path));
-        std::memcpy(text, field, n);
-        text[n] = '\0';
-    }
-};
+// The bound of every stream of one channel entry, in the walk order,
+// handed to |visit| with the stream it names.
+template <typename Visit>
+void walk_recycle_bounds(const TChannelStorageSetting& entry, int64_t from_ms, Visit visit) {
+    const channel_sid channel = make_channel_sid(entry.channel_id, entry.sid);
+    for_each_record_stream(kRecycleFirstStream, [&](int record_type, int stream) {
+        int64_t bound_ms = 0;
+        int r = query_recycle_bound(channel, record_type, stream, from_ms, bound_ms);
+        visit(make_stream_info(entry.channel_id, entry.sid, stream, record_type), r, bound_ms);
+    });
+}
 
 // Writes "du " and |folder| quoted for the shell into |command|, so that the
 // folder reaches du as one argument whatever it contains. False when it does
@@ -107,8 +83,7 @@ void print_missing_volume(const VolumePath& path) {
 
 }  // namespace
 
-int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms,
-                       int64_t& bound_ms) {
+int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms, int64_t& bound_ms) {
     bool found = false;
     int64_t earliest = 0;
     for (const time_period& period : periods) {
@@ -122,21 +97,19 @@ int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms,
     return 0;
 }
 
+int64_t recycle_window_start_ms(int64_t now_ms) { return now_ms - kRecycleWindowSeconds * 1000; }
+
+int recycle_bound(const std::list<time_period>& periods, int64_t from_ms, int64_t now_ms,
+                  int64_t& bound_ms) {
+    int result = bound_from_periods(periods, from_ms, bound_ms);
+    if (result == 1) bound_ms = now_ms;
+    return result;
+}
+
 int compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
                           const int64_t& from_ms, int64_t& bound_ms) {
-    COrnChannel factory;
-    IFrameChannelSession* session = nullptr;
-    factory.create_channel_session(make_channel_sid(channel.channel_id, channel.sid), &session);
-    if (session == nullptr) return -1;
-
-    std::list<time_period> periods;
-    session->query_time_periods(alarm == 0 ? kRecordTypeNormal : kRecordTypeAlarm,
-                                static_cast<int>(stream), from_ms, now_ms(), periods, 0, 1, 1);
-    factory.destroy_channel_session(&session);
-
-    int result = bound_from_periods(periods, from_ms, bound_ms);
-    if (result == 1) bound_ms = now_ms();
-    return result;
+    return query_recycle_bound(channel, alarm == 0 ? kRecordTypeNormal : kRecordTypeAlarm,
+                               static_cast<int>(stream), from_ms, bound_ms);
 }
 
 void cmd_volclean(IStorageSetting* setting, int channel_id) {
@@ -148,10 +121,10 @@ void cmd_volclean(IStorageSetting* setting, int channel_id) {
         printf("No space or channel found.\n");
         return;
     }
-    const int64_t from_ms = recycle_range_start_ms();
+    const int64_t from_ms = recycle_window_start_ms(now_ms());
 
     for (const TChannelStorageSetting& entry : channels) {
-        if (skip_channel(entry, channel_id)) continue;
+        if (!entry_selected(entry, channel_id)) continue;
         printf("Recycle --ch%02d-- data ...\n", static_cast<int>(entry.channel_id + 1));
         walk_recycle_bounds(entry, from_ms, [&](const stream_info& info, int r, int64_t bound_ms) {
             if (r == -1) return;
@@ -159,7 +132,8 @@ void cmd_volclean(IStorageSetting* setting, int channel_id) {
                 recycle_with_engine<CFSTier>(space.uuid, info, from_ms, bound_ms,
                                              "Initial Tier to process failure.\n");
             printf("\t[%s S%02d] %s\n", record_type_label(info.record_type),
-                   static_cast<int>(info.stream), r == 0 ? "Success." : "Can not find time period.");
+                   static_cast<int>(info.stream),
+                   r == 0 ? "Success." : "Can not find time period.");
         });
     }
     printf("Recycle process done.\n");
@@ -172,10 +146,10 @@ void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id) 
         printf("No channel settings found.\n");
         return;
     }
-    const int64_t from_ms = recycle_range_start_ms();
+    const int64_t from_ms = recycle_window_start_ms(now_ms());
 
     for (const TChannelStorageSetting& entry : channels) {
-        if (skip_channel(entry, channel_id)) continue;
+        if (!entry_selected(entry, channel_id)) continue;
         // Only a stream with a listed period has data the database no longer knows.
         walk_recycle_bounds(entry, from_ms, [&](const stream_info& info, int r, int64_t bound_ms) {
             if (r != 0) return;
@@ -186,13 +160,11 @@ void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id) 
 }
 
 int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_mb) {
-    const VolumePath path(volume);
     // Neither the folder path nor the command "du <folder>" may be cut to fit
     // its 256-byte buffer: a path that does not fit is reported like one that
     // cannot be entered, before the working directory changes.
     char folder[256];
-    int n = snprintf(folder, sizeof(folder), "%s/FSU_%.32s/preallocate", path.text,
-                     volume.uuid.uuid + 4);
+    int n = format_fsu_folder(folder, sizeof(folder), volume, "/preallocate");
     const size_t kCommandSize = 256;
     if (n < 0 || static_cast<size_t>(n) + strlen("du ") >= kCommandSize || chdir(folder) != 0)
         return kUsageNoFolder;
@@ -250,13 +222,15 @@ void cmd_autoclean(IStorageSetting* setting) {
 
         char name[128];
         volume_display_name(volume, name);
-        printf("Volume [%s] total size %lld GB(%lld MB), used %lld MB(preallocate_remain %lld "
-               "MB).\n",
-               name, static_cast<long long>(total / 1024), static_cast<long long>(total),
-               static_cast<long long>(used), static_cast<long long>(preallocate_remain));
-        printf("Size lost %lld MB over %lld MB(%%5) is not resonable. Start to recycle volume "
-               "using space ...\n",
-               static_cast<long long>(lost), static_cast<long long>(total / 20));
+        printf(
+            "Volume [%s] total size %lld GB(%lld MB), used %lld MB(preallocate_remain %lld "
+            "MB).\n",
+            name, static_cast<long long>(total / 1024), static_cast<long long>(total),
+            static_cast<long long>(used), static_cast<long long>(preallocate_remain));
+        printf(
+            "Size lost %lld MB over %lld MB(%%5) is not resonable. Start to recycle volume "
+            "using space ...\n",
+            static_cast<long long>(lost), static_cast<long long>(total / 20));
         recycle_unit(setting, volume, -1);
         ++leak_count;
     }

@@ -38,10 +38,14 @@ void space_status_text(uint32_t status, int32_t spare_status, char out[26]) {
 }
 
 void volume_state_text(int32_t state, char out[20]) {
-    static const char* const names[] = {
-        "ACTIVE",          "STANDBY",         "NOT_MOUNTED",
-        "STANDBY_NOT_MOUNTED", "CREAT_SHARE_FOLDERS", "VOL_OVER_THRESHOLD",
-        "REMOVING_VOLUME", "UNKNOW_ERROR"};
+    static const char* const names[] = {"ACTIVE",
+                                        "STANDBY",
+                                        "NOT_MOUNTED",
+                                        "STANDBY_NOT_MOUNTED",
+                                        "CREAT_SHARE_FOLDERS",
+                                        "VOL_OVER_THRESHOLD",
+                                        "REMOVING_VOLUME",
+                                        "UNKNOW_ERROR"};
     if (state == 8) {
         out[0] = '\0';
         return;
@@ -78,26 +82,16 @@ void cmd_spacelist(IStorageSetting* setting) {
 
 namespace {
 
-// A volume's path as a terminated text, even when it fills its whole field.
-void copy_path(const TVolumeInfo& volume, char path[1025]) {
-    const char* field = volume.setting.config.path;
-    size_t n = strnlen(field, sizeof(volume.setting.config.path));
-    std::memcpy(path, field, n);
-    path[n] = '\0';
-}
-
-
 // The first volume whose path rest after "share/" is |volume_name|; volumes
 // without "share/" have no name and never match.
 int find_volume(IStorageSetting* setting, const char* volume_name, TVolumeInfo& found) {
     std::list<TVolumeInfo> volumes;
     setting->get_volume_list(volumes);
     for (const TVolumeInfo& volume : volumes) {
-        char path[1025];
-        copy_path(volume, path);
-        if (strstr(path, "share/") == nullptr) continue;
+        const VolumePath path(volume);
+        if (strstr(path.text, "share/") == nullptr) continue;
         char name[128];
-        strip_share_prefix(path, name);
+        strip_share_prefix(path.text, name);
         if (strcmp(name, volume_name) == 0) {
             found = volume;
             return 0;
@@ -115,30 +109,35 @@ bool same_name(const char (&field)[512], const char* name) {
 // Prints the space header; false when the space list has no such name.
 bool print_space_header(IStorageSetting* setting, const char* space_name, ornsid& group) {
     std::list<TSpaceInfo> spaces;
-    setting->get_space_list(spaces);
-    if (spaces.empty()) {
-        printf("no space [%s] info\n", space_name);
-        return false;
-    }
-    for (const TSpaceInfo& space : spaces) {
-        if (!same_name(space.name, space_name)) continue;
-        char status[26];
-        space_status_text(space.status, space.spare_status, status);
-        printf("Space: %s\n", space_name);
-        printf("[%.512s], total size: %lld GB, used: %lld MB, use %2.2f%% [%s]\n", space.name,
-               static_cast<long long>(space.total_size_mb / 1024),
-               static_cast<long long>(space.used_size_mb),
-               use_percent(space.used_size_mb, space.total_size_mb), status);
-        group = ornsid(space.group_uuid.uuid);
-        printf("\n");
-        return true;
-    }
+    const TSpaceInfo* space = find_space_by_name(setting, space_name, spaces);
+    if (space == nullptr) return false;
+    char status[26];
+    space_status_text(space->status, space->spare_status, status);
+    printf("Space: %s\n", space_name);
+    printf("[%.512s], total size: %lld GB, used: %lld MB, use %2.2f%% [%s]\n", space->name,
+           static_cast<long long>(space->total_size_mb / 1024),
+           static_cast<long long>(space->used_size_mb),
+           use_percent(space->used_size_mb, space->total_size_mb), status);
+    group = ornsid(space->group_uuid.uuid);
     printf("\n");
-    printf("no space [%s] info\n", space_name);
-    return false;
+    return true;
 }
 
 }  // namespace
+
+const TSpaceInfo* find_space_by_name(IStorageSetting* setting, const char* space_name,
+                                     std::list<TSpaceInfo>& spaces) {
+    setting->get_space_list(spaces);
+    if (spaces.empty()) {
+        printf("no space [%s] info\n", space_name);
+        return nullptr;
+    }
+    for (const TSpaceInfo& space : spaces)
+        if (same_name(space.name, space_name)) return &space;
+    printf("\n");
+    printf("no space [%s] info\n", space_name);
+    return nullptr;
+}
 
 void cmd_vollist(IStorageSetting* setting, const char* space_name) {
     ornsid group;
@@ -158,7 +157,8 @@ void cmd_vollist(IStorageSetting* setting, const char* space_name) {
         printf("[%02d] [%s], [%s] [%s], total size %lld GB, used %lld MB, use %2.2f%%\n", count,
                name, volume_type_text(v.volume_type), state,
                static_cast<long long>(v.total_size_mb / 1024),
-               static_cast<long long>(v.used_size_mb), use_percent(v.used_size_mb, v.total_size_mb));
+               static_cast<long long>(v.used_size_mb),
+               use_percent(v.used_size_mb, v.total_size_mb));
     }
     if (count == 0) printf("no find volume at space [%s]\n", space_name);
 }
@@ -168,10 +168,8 @@ const char* volume_type_text(uint32_t volume_type) {
 }
 
 void volume_display_name(const TVolumeInfo& volume, char name[128]) {
-    char path[1025];
-    copy_path(volume, path);
     snprintf(name, 128, "VolName_%d", volume.setting.config.volume_no);
-    strip_share_prefix(path, name);
+    strip_share_prefix(VolumePath(volume).text, name);
 }
 
 int find_volume_uuid(IStorageSetting* setting, const char* volume_name, char uuid[36]) {
@@ -192,7 +190,7 @@ int find_volume_no(IStorageSetting* setting, const char* volume_name, TVolumeCon
 // Read-modify-write of the whole setting: only the type and the state change.
 void cmd_volset(IStorageSetting* setting, const char* volume_name, int volume_type,
                 uint32_t volume_state) {
-    uint32_t type_code = volume_type == 0 ? 0 : 2;  // NORMAL / SPARE
+    uint32_t type_code = volume_type == 0 ? 0 : 2;   // NORMAL / SPARE
     int32_t state_code = volume_state == 0 ? 1 : 0;  // STANDBY / ACTIVE
 
     char uuid[36];

@@ -12,15 +12,6 @@
 
 namespace {
 
-const TSpaceInfo* find_space_by_name(const std::list<TSpaceInfo>& spaces, const char* name) {
-    for (const TSpaceInfo& space : spaces)
-        if (strncmp(space.name, name, sizeof(space.name)) == 0) return &space;
-    return nullptr;
-}
-
-// Sids read as texts: up to the first zero byte, at most 32 characters.
-bool same_sid(const char a[32], const char b[32]) { return strncmp(a, b, 32) == 0; }
-
 // Collects the storage ids of the channel's profiles, in list order.
 void collect_storage_ids(const std::list<TStoreIDProfile>& profiles, const channel_sid& channel,
                          std::list<TStorageId>& ids) {
@@ -110,17 +101,8 @@ bool walk_space_channels(IStorageSetting* setting, const ornsid& space_id,
 
 void cmd_spaceinfo(IStorageSetting* setting, const char* space_name) {
     std::list<TSpaceInfo> spaces;
-    setting->get_space_list(spaces);
-    if (spaces.empty()) {
-        printf("no space [%s] info\n", space_name);
-        return;
-    }
-    const TSpaceInfo* space = find_space_by_name(spaces, space_name);
-    if (space == nullptr) {
-        printf("\n");
-        printf("no space [%s] info\n", space_name);
-        return;
-    }
+    const TSpaceInfo* space = find_space_by_name(setting, space_name, spaces);
+    if (space == nullptr) return;
     printf("Space: %s uuid: [%.36s]\n", space_name, space->uuid.uuid);
     printf("\n");
     const ornsid space_id(space->uuid.uuid);

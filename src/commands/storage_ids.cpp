@@ -15,20 +15,16 @@ namespace {
 // Shown in place of a time that has no local broken-down form.
 const char kInvalidTimeText[] = "[invalid time]";
 const size_t kPathBufferSize = 512;
-const int kStreams = 4;
-const int kRecordTypes[] = {kRecordTypeNormal, kRecordTypeAlarm};
 
 // Channels are numbered from 0 inside and from 1 on screen.
 int shown_channel(uint32_t channel_id) { return static_cast<int>(channel_id + 1u); }
 
 bool starts_before(const time_period& a, const time_period& b) { return a.start_ms < b.start_ms; }
 
-// "%s/FSU_%.32s" from the volume's path and uuid bytes 4 to 35. False when
-// the path does not fit: the volume is then skipped, never probed truncated.
+// The volume's FSU folder. False when the path does not fit: the volume is
+// then skipped, never probed truncated.
 bool make_fsu_folder(const TVolumeInfo& volume, char out[kPathBufferSize]) {
-    const TVolumeConfig& config = volume.setting.config;
-    int n = snprintf(out, kPathBufferSize, "%.*s/FSU_%.32s", static_cast<int>(sizeof(config.path)),
-                     config.path, volume.uuid.uuid + 4);
+    int n = format_fsu_folder(out, kPathBufferSize, volume, "");
     return n >= 0 && static_cast<size_t>(n) < kPathBufferSize;
 }
 
@@ -36,11 +32,9 @@ bool make_fsu_folder(const TVolumeInfo& volume, char out[kPathBufferSize]) {
 // directory below |fsu_folder|. A path the library could not fit (empty or
 // unterminated) counts as absent.
 bool has_hour_folder(const char* fsu_folder, const stream_info& info, int64_t time_ms) {
-    stream_info copy;
-    copy.channel_id = info.channel_id;
-    std::memcpy(copy.sid, info.sid, sizeof(copy.sid));
-    copy.stream = info.stream;
-    copy.record_type = info.record_type;
+    // Only the naming fields reach the library, whatever the others hold.
+    const stream_info copy =
+        make_stream_info(info.channel_id, info.sid, info.stream, info.record_type);
     char hour_folder[kPathBufferSize];
     std::memset(hour_folder, 0, sizeof(hour_folder));
     make_hour_folder_full_path(hour_folder, fsu_folder, copy, time_ms);
@@ -124,7 +118,6 @@ PeriodTexts period_texts(const time_period& period) {
 struct Recovery {
     std::list<TStoreIDProfile> profiles;
     storage_location location{};
-    stream_info info;
     int null_count = 0;
     int success_count = 0;
 };
@@ -157,12 +150,9 @@ void recover_period(IStorageSetting* setting, Recovery& r, const TChannelStorage
         r.profiles.empty()) {
         result = "data base access fail.  ";
     } else {
-        r.info.channel_id = entry.channel_id;
-        std::memcpy(r.info.sid, entry.sid, sizeof(r.info.sid));
-        r.info.zero[0] = r.info.zero[1] = '\0';
-        r.info.stream = period.stream;
-        r.info.record_type = static_cast<uint32_t>(record_type);
-        if (probe_period_location(*setting, r.info, period.start_ms, r.location) != 0) {
+        const stream_info info = make_stream_info(entry.channel_id, entry.sid, period.stream,
+                                                  static_cast<uint32_t>(record_type));
+        if (probe_period_location(*setting, info, period.start_ms, r.location) != 0) {
             print_period_start(record_type, period, texts.start, texts.end);
             printf(", recover storage id: [no found data in volume.]\n");
             return;
@@ -181,7 +171,6 @@ void recover_period(IStorageSetting* setting, Recovery& r, const TChannelStorage
     printf(", recover storage id: [%s]\n", result);
 }
 
-// Present time of the storage-id commands, in ms.
 }  // namespace
 
 void time_to_text(int64_t seconds, char out[256]) {
@@ -193,7 +182,8 @@ void time_to_text(int64_t seconds, char out[256]) {
     }
     // The year is widened so that no year localtime_r accepts can overflow.
     snprintf(out, 256, "[%lld-%d-%.2d %.2d:%.2d:%.2d]",
-             static_cast<long long>(local.tm_year) + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+             static_cast<long long>(local.tm_year) + 1900, local.tm_mon + 1, local.tm_mday,
+             local.tm_hour, local.tm_min, local.tm_sec);
 }
 
 int probe_period_location(IStorageSetting& setting, const stream_info& info, int64_t time_ms,
@@ -223,21 +213,18 @@ bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_st
     setting->get_channel_setting_list(walk.settings, 1);
     if (walk.settings.empty()) return false;
     for (const TChannelStorageSetting& entry : walk.settings) {
-        if (is_empty_slot(entry.sid)) continue;
-        if (!channel_selected(channel_id, entry.channel_id)) continue;
+        if (!entry_selected(entry, channel_id)) continue;
         IFrameChannelSession* session = nullptr;
         walk.channels.create_channel_session(make_channel_sid(entry.channel_id, entry.sid),
                                              &session);
         // Without a session the channel has nothing to show.
         visitor.channel(entry, session != nullptr);
         if (session != nullptr) {
-            for (int record_type : kRecordTypes) {
-                for (int stream = first_stream; stream <= kStreams; ++stream) {
-                    int result = session->query_time_periods(record_type, stream, 0, now_ms,
-                                                             walk.periods, 0, 1, 1);
-                    visitor.answer(entry, record_type, stream, result, walk.periods);
-                }
-            }
+            for_each_record_stream(first_stream, [&](int record_type, int stream) {
+                int result = session->query_time_periods(record_type, stream, 0, now_ms,
+                                                         walk.periods, 0, 1, 1);
+                visitor.answer(entry, record_type, stream, result, walk.periods);
+            });
         }
         walk.channels.destroy_channel_session(&session);
     }
@@ -247,8 +234,8 @@ bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_st
 void cmd_nullid(IStorageSetting* setting, int channel_id) {
     struct Lister : NullPeriods {
         int count = 0;
-        void null_period(const TChannelStorageSetting& entry, int record_type,
-                         time_period& period, bool& header) override {
+        void null_period(const TChannelStorageSetting& entry, int record_type, time_period& period,
+                         bool& header) override {
             PeriodTexts texts = period_texts(period);
             print_header_once(header, entry.channel_id);
             print_period_start(record_type, period, texts.start, texts.end);
@@ -256,7 +243,7 @@ void cmd_nullid(IStorageSetting* setting, int channel_id) {
             ++count;
         }
     } lister;
-    if (!walk_channel_periods(setting, channel_id, 1, now_ms(), lister)) {
+    if (!walk_channel_periods(setting, channel_id, kStorageIdFirstStream, now_ms(), lister)) {
         printf("No channel found.\n");
         return;
     }
@@ -268,12 +255,12 @@ void cmd_recoverid(IStorageSetting* setting, int channel_id) {
         IStorageSetting* setting;
         Recovery recovery;
         explicit Recoverer(IStorageSetting* s) : setting(s) {}
-        void null_period(const TChannelStorageSetting& entry, int record_type,
-                         time_period& period, bool& header) override {
+        void null_period(const TChannelStorageSetting& entry, int record_type, time_period& period,
+                         bool& header) override {
             recover_period(setting, recovery, entry, record_type, period, header);
         }
     } recoverer(setting);
-    if (!walk_channel_periods(setting, channel_id, 1, now_ms(), recoverer)) {
+    if (!walk_channel_periods(setting, channel_id, kStorageIdFirstStream, now_ms(), recoverer)) {
         printf("No channel found.\n");
         return;
     }

@@ -95,11 +95,10 @@ struct cmd_struct {
 };
 
 const cmd_struct commands[] = {
-    {"spacelist", 0, run_spacelist}, {"vollist", 3, run_vollist},
-    {"volset", 5, run_volset},       {"volchn", 3, run_volchn},
-    {"voluse", 3, run_voluse},       {"volclean", 3, run_volclean},
-    {"autoclean", 0, run_autoclean}, {"nullid", 3, run_nullid},
-    {"recoverid", 3, run_recoverid}, {"spaceinfo", 3, run_spaceinfo},
+    {"spacelist", 0, run_spacelist}, {"vollist", 3, run_vollist}, {"volset", 5, run_volset},
+    {"volchn", 3, run_volchn},       {"voluse", 3, run_voluse},   {"volclean", 3, run_volclean},
+    {"autoclean", 0, run_autoclean}, {"nullid", 3, run_nullid},   {"recoverid", 3, run_recoverid},
+    {"spaceinfo", 3, run_spaceinfo},
 };
 
 const cmd_struct* find_command(const char* word) {

@@ -16,10 +16,6 @@
 
 namespace {
 
-const int kRecycleFirstStream = 0;  // volclean's streams: 0 to 4
-const int kNullIdFirstStream = 1;   // nullid's: 1 to 4
-const int64_t kRecycleWindowMs = 2592000LL * 1000;  // 30 days
-
 std::string field_text(const char* field, size_t width) {
     return std::string(field, strnlen(field, width));
 }
@@ -73,17 +69,17 @@ void measure(const TVolumeInfo& volume, VolumeFigures& v) {
     if (measure_preallocate(volume, remain) != 0) return;
     v.measured = true;
     v.preallocate_remain_mb = remain;
-    v.leak = volume_leaks(volume.setting.total_size_mb, remain, volume.setting.used_size_mb,
-                          v.lost_mb);
+    v.leak =
+        volume_leaks(volume.setting.total_size_mb, remain, volume.setting.used_size_mb, v.lost_mb);
 }
 
 // Volumes with their channels (voluse's walk) and, per channel id, the
 // volume voluse shows for it: the last volume in list order that reports it.
 void collect_volumes(IStorageSetting* setting, IPlugPlayService* service, const Options& options,
                      Report& report, std::map<uint32_t, std::string>& volume_of_channel) {
-    walk_volume_channels(setting, service, [&](const TVolumeInfo& volume,
-                                               const char (&name)[128],
-                                               const std::list<channel_sid>& channels) {
+    walk_volume_channels(setting, service,
+                         [&](const TVolumeInfo& volume, const char(&name)[128],
+                             const std::list<channel_sid>& channels) {
         const TVolumeSetting& vs = volume.setting;
         VolumeFigures v;
         v.name = name;
@@ -122,7 +118,7 @@ public:
     void answer(const TChannelStorageSetting&, int record_type, int stream, int result,
                 std::list<time_period>& periods) override {
         ChannelFigures& c = report_.channels.back();
-        if (stream >= kNullIdFirstStream) {
+        if (stream >= kStorageIdFirstStream) {
             if (result != 0) ++c.query_failures;
             for (const time_period& period : periods)
                 if (is_null_storage_id(period)) ++c.null_storage_ids;
@@ -130,10 +126,9 @@ public:
         RecycleFigures r;
         r.record_type = record_type;
         r.stream = stream;
-        r.from_ms = now_ms_ - kRecycleWindowMs;
+        r.from_ms = recycle_window_start_ms(now_ms_);
         r.query_failed = result != 0;
-        r.whole_window = bound_from_periods(periods, r.from_ms, r.bound_ms) == 1;
-        if (r.whole_window) r.bound_ms = now_ms_;
+        r.whole_window = recycle_bound(periods, r.from_ms, now_ms_, r.bound_ms) == 1;
         c.recycle.push_back(r);
     }
 
@@ -155,7 +150,7 @@ void collect_recordings(IStorageSetting* setting, const std::list<TSpaceInfo>& s
             bool sized = false;
             long long size_mb = 0;
             for (ChannelFigures& c : report.channels) {
-                if (strncmp(c.sid.c_str(), block.channel.sid, 32) != 0) continue;
+                if (!same_sid(c.sid.c_str(), block.channel.sid)) continue;
                 if (!c.recordings.empty() && c.recordings.back().space == index) continue;
                 if (!sized) setting->get_total_recording_size(space_id, block.channel, &size_mb);
                 sized = true;
@@ -229,8 +224,8 @@ void add_problem(Report& report, bool critical, const std::string& subject,
     report.problems.push_back(Problem{critical, subject, text});
 }
 
-void check_use(const Options& options, Report& report, const std::string& subject,
-               int64_t used_mb, int64_t total_mb) {
+void check_use(const Options& options, Report& report, const std::string& subject, int64_t used_mb,
+               int64_t total_mb) {
     double percent = 0;
     if (!used_percent(used_mb, total_mb, percent)) return;
     double limit = percent >= options.crit ? options.crit : options.warn;

@@ -28,8 +28,11 @@ std::string rfc3339(int64_t seconds) {
 }
 
 json space_json(const SpaceFigures& s) {
-    return {{"name", s.name},         {"uuid", s.uuid},       {"status", s.status},
-            {"total_mb", s.total_mb}, {"used_mb", s.used_mb}};
+    return {{"name", s.name},
+            {"uuid", s.uuid},
+            {"status", s.status},
+            {"total_mb", s.total_mb},
+            {"used_mb", s.used_mb}};
 }
 
 json volume_json(const Report& report, const VolumeFigures& v) {
@@ -102,10 +105,12 @@ void write_json(FILE* out, const Report& report) {
     fprintf(out, "{\n  \"format\": 1,\n  \"generated\": \"%s\",\n",
             rfc3339(report.generated_s).c_str());
     put_array(out, "spaces", report.spaces, space_json, false);
-    put_array(out, "volumes", report.volumes,
-              [&report](const VolumeFigures& v) { return volume_json(report, v); }, false);
-    put_array(out, "channels", report.channels,
-              [&report](const ChannelFigures& c) { return channel_json(report, c); }, false);
+    put_array(
+        out, "volumes", report.volumes,
+        [&report](const VolumeFigures& v) { return volume_json(report, v); }, false);
+    put_array(
+        out, "channels", report.channels,
+        [&report](const ChannelFigures& c) { return channel_json(report, c); }, false);
     put_array(out, "problems", report.problems, problem_json, true);
     fputs("}\n", out);
 }

@@ -99,10 +99,13 @@ int run(const Options& options, const std::string& output) {
     std::string write_error;
     bool written = true;
     if (check) {
-        written = emit(output, [&](FILE* out) {
+        written = emit(
+            output,
+            [&](FILE* out) {
             if (complete) status = write_check(out, options, report);
             else write_check_unknown(out, error);
-        }, write_error);
+            },
+            write_error);
         if (!complete) status = kCheckUnknown;
     } else {
         if (!complete) {
@@ -110,10 +113,11 @@ int run(const Options& options, const std::string& output) {
             status = kIncomplete;
         }
         if (options.format == "prometheus")
-            written = emit(output, [&](FILE* out) { write_prometheus(out, report, complete); },
-                           write_error);
+            written = emit(
+                output, [&](FILE* out) { write_prometheus(out, report, complete); }, write_error);
         else if (complete)
-            written = emit(output, [&](FILE* out) { write_json(out, report); }, write_error);
+            written = emit(
+                output, [&](FILE* out) { write_json(out, report); }, write_error);
     }
     if (!written) {
         fprintf(stderr, "%s: %s\n", kProgram, write_error.c_str());

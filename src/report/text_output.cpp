@@ -14,7 +14,11 @@ std::string valid_utf8(const std::string& in) {
     size_t i = 0;
     while (i < in.size()) {
         unsigned char c = static_cast<unsigned char>(in[i]);
-        size_t n = c < 0x80 ? 1 : (c >> 5) == 0x6 ? 2 : (c >> 4) == 0xe ? 3 : (c >> 3) == 0x1e ? 4 : 0;
+        size_t n = c < 0x80           ? 1
+                   : (c >> 5) == 0x6  ? 2
+                   : (c >> 4) == 0xe  ? 3
+                   : (c >> 3) == 0x1e ? 4
+                                      : 0;
         bool ok = n > 0 && i + n <= in.size() && !(n == 2 && c < 0xc2);
         for (size_t k = 1; ok && k < n; ++k)
             ok = (static_cast<unsigned char>(in[i + k]) & 0xc0) == 0x80;
@@ -186,8 +190,8 @@ std::string perf_label(const std::string& text) {
     return "'" + out + "'";
 }
 
-void perf_use(std::string& perf, const Options& options, const std::string& label,
-              int64_t used_mb, int64_t total_mb) {
+void perf_use(std::string& perf, const Options& options, const std::string& label, int64_t used_mb,
+              int64_t total_mb) {
     double percent = 0;
     if (!used_percent(used_mb, total_mb, percent)) return;
     char text[96];
@@ -214,8 +218,8 @@ int write_check(FILE* out, const Options& options, const Report& report) {
 
     std::string summary;
     char counts[160];
-    snprintf(counts, sizeof(counts), "%zu spaces, %zu volumes, %zu channels",
-             report.spaces.size(), report.volumes.size(), report.channels.size());
+    snprintf(counts, sizeof(counts), "%zu spaces, %zu volumes, %zu channels", report.spaces.size(),
+             report.volumes.size(), report.channels.size());
     if (first == nullptr) {
         summary = std::string(counts) + ", no problems";
     } else {
@@ -228,8 +232,8 @@ int write_check(FILE* out, const Options& options, const Report& report) {
     for (const VolumeFigures& v : report.volumes)
         perf_use(perf, options, "volume " + v.name, v.used_mb, v.total_mb);
     char totals[160];
-    snprintf(totals, sizeof(totals), "leaks=%d;;1;0 null_storage_ids=%d;1;;0 failed_windows=%d;1;;0",
-             leaks, nulls, whole);
+    snprintf(totals, sizeof(totals),
+             "leaks=%d;;1;0 null_storage_ids=%d;1;;0 failed_windows=%d;1;;0", leaks, nulls, whole);
     perf += totals;
     fprintf(out, "KELVO %s - %s | %s\n", names[status], one_line(summary).c_str(), perf.c_str());
     return status;

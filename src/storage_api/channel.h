@@ -113,9 +113,8 @@ static_assert(offsetof(TStoreIDProfile, storage_id) == 304, "TStoreIDProfile lay
 
 class IFrameChannelSession {
 public:
-    virtual int query_time_periods(int record_type, int stream, long long from_ms,
-                                   long long to_ms, std::list<time_period>& periods, int a,
-                                   int b, int c) = 0;
+    virtual int query_time_periods(int record_type, int stream, long long from_ms, long long to_ms,
+                                   std::list<time_period>& periods, int a, int b, int c) = 0;
 
 protected:
     virtual ~IFrameChannelSession() = default;

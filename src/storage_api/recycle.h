@@ -2,8 +2,13 @@
 #ifndef KELVO_STORAGE_API_RECYCLE_H
 #define KELVO_STORAGE_API_RECYCLE_H
 
+#include <memory>
+
 #include "channel.h"
 #include "ornsid.h"
+
+// What an engine is bound to; the library's own business.
+struct RecycleEngineBinding;
 
 // Use once: new, init, recycle_channel_data only after init returned 0,
 // uninit always, then delete.
@@ -19,8 +24,7 @@ public:
     virtual int uninit();
 
 private:
-    char bound_uuid_[36];
-    bool bound_;
+    std::unique_ptr<RecycleEngineBinding> binding_;
 };
 
 class CFSUnit {
@@ -35,8 +39,7 @@ public:
     virtual int uninit();
 
 private:
-    char bound_uuid_[36];
-    bool bound_;
+    std::unique_ptr<RecycleEngineBinding> binding_;
 };
 
 #endif

@@ -12,7 +12,6 @@
 #include "channel.h"
 #include "ornsid.h"
 
-
 struct TSpaceInfo {
     ornsid uuid;
     char reserved_76[4];
@@ -161,10 +160,12 @@ static_assert(offsetof(TVolumeInfo, setting) + offsetof(TVolumeSetting, volume_t
 static_assert(offsetof(TVolumeInfo, setting) + offsetof(TVolumeSetting, config) == 600,
               "TVolumeInfo layout");
 static_assert(offsetof(TVolumeInfo, setting) + offsetof(TVolumeSetting, config) +
-                      offsetof(TVolumeConfig, volume_no) == 1696,
+                      offsetof(TVolumeConfig, volume_no) ==
+                  1696,
               "TVolumeInfo layout");
 static_assert(offsetof(TVolumeInfo, setting) + offsetof(TVolumeSetting, config) +
-                      offsetof(TVolumeConfig, path) == 1960,
+                      offsetof(TVolumeConfig, path) ==
+                  1960,
               "TVolumeInfo layout");
 static_assert(offsetof(TVolumeInfo, setting) + offsetof(TVolumeSetting, total_size_mb) == 2984,
               "TVolumeInfo layout");

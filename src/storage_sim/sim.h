@@ -126,8 +126,7 @@ public:
                                     std::list<TStoreIDProfile>& profiles) override;
     int get_space_list(std::list<TSpaceInfo>& spaces) override;
     int get_volume_list(std::list<TVolumeInfo>& volumes) override;
-    int get_channel_setting_list(std::list<TChannelStorageSetting>& settings,
-                                 int flag) override;
+    int get_channel_setting_list(std::list<TChannelStorageSetting>& settings, int flag) override;
     ~StorageSetting() override = default;
 };
 

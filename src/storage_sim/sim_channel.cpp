@@ -90,12 +90,13 @@ std::string prefix_end(std::string prefix) {
 long long period_named(uint32_t channel_id, const std::string& key) {
     // Candidates: keys starting with |key|, stored as text or as a blob.
     std::string end = prefix_end(key);
-    Stmt rows(end.empty()
-                  ? "SELECT rowid, period_key, typeof(period_key) = 'text' FROM periods "
-                    "WHERE +channel_id = ?1 AND (period_key >= ?2 OR period_key >= CAST(?2 AS BLOB))"
-                  : "SELECT rowid, period_key, typeof(period_key) = 'text' FROM periods "
-                    "WHERE +channel_id = ?1 AND ((period_key >= ?2 AND period_key < ?3) OR "
-                    "(period_key >= CAST(?2 AS BLOB) AND period_key < CAST(?3 AS BLOB)))");
+    Stmt rows(
+        end.empty()
+            ? "SELECT rowid, period_key, typeof(period_key) = 'text' FROM periods "
+              "WHERE +channel_id = ?1 AND (period_key >= ?2 OR period_key >= CAST(?2 AS BLOB))"
+            : "SELECT rowid, period_key, typeof(period_key) = 'text' FROM periods "
+              "WHERE +channel_id = ?1 AND ((period_key >= ?2 AND period_key < ?3) OR "
+              "(period_key >= CAST(?2 AS BLOB) AND period_key < CAST(?3 AS BLOB)))");
     rows.bind(1, static_cast<long long>(channel_id)).bind(2, key);
     if (!end.empty()) rows.bind(3, end);
     long long named = 0;
@@ -121,8 +122,8 @@ COrnChannel::~COrnChannel() {}
 int COrnChannel::create_channel_session(channel_sid channel, IFrameChannelSession** session) {
     sim::Call call;
     int result = 0;
-    bool failed = sim::fault("create_channel_session", std::to_string(channel.channel_id), false,
-                             &result);
+    bool failed =
+        sim::fault("create_channel_session", std::to_string(channel.channel_id), false, &result);
     sim::log_call("create_channel_session",
                   {sim::arg("channel_id", static_cast<long long>(channel.channel_id)),
                    sim::arg("sid", sim::field_text(channel.sid, sizeof(channel.sid)))},

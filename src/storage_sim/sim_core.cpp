@@ -141,10 +141,8 @@ Call::Call(bool writes) : owner_(g_call_depth++ == 0), active_(false) {
     // Calls that write take the write lock first: waiting for it is safe,
     // upgrading a read lock later is not.
     const char* begin = writes || g_trace ? "BEGIN IMMEDIATE" : "BEGIN";
-    if (sqlite3_exec(g_db, begin, nullptr, nullptr, nullptr) == SQLITE_OK)
-        active_ = true;
-    else
-        record_error(sqlite3_errmsg(g_db));
+    if (sqlite3_exec(g_db, begin, nullptr, nullptr, nullptr) == SQLITE_OK) active_ = true;
+    else record_error(sqlite3_errmsg(g_db));
 }
 
 Call::~Call() {
@@ -326,8 +324,7 @@ std::string uuid_text(const ornsid& id) { return field_text(id.uuid, sizeof(id.u
 
 std::string storage_id_bytes(const unsigned char* src, int size) {
     std::string bytes(32, '\0');
-    if (src != nullptr && size > 0)
-        std::memcpy(&bytes[0], src, std::min(32, size));
+    if (src != nullptr && size > 0) std::memcpy(&bytes[0], src, std::min(32, size));
     return bytes;
 }
 

@@ -21,6 +21,12 @@
 #include "recycle.h"
 #include "sim.h"
 
+// The volume or space an engine's init bound it to.
+struct RecycleEngineBinding {
+    char uuid[36] = {};
+    bool bound = false;
+};
+
 namespace sim {
 namespace {
 
@@ -148,12 +154,10 @@ bool remove_tree_at(int parent, const char* name, dev_t device) {
     if (fd < 0) return false;
     bool ok = true;
     for (const std::string& entry : folder_entries(fd)) {
-        if (!on_device_at(fd, entry.c_str(), device))
-            ok = false;
+        if (!on_device_at(fd, entry.c_str(), device)) ok = false;
         else if (is_folder_at(fd, entry.c_str()))
             ok = remove_tree_at(fd, entry.c_str(), device) && ok;
-        else if (unlinkat(fd, entry.c_str(), 0) != 0)
-            ok = false;
+        else if (unlinkat(fd, entry.c_str(), 0) != 0) ok = false;
     }
     close(fd);
     return ok && unlinkat(parent, name, AT_REMOVEDIR) == 0;
@@ -308,27 +312,28 @@ bool recycle_volume(const std::string& fsu, const std::string& sid, const stream
 }
 
 int engine_init(const char* op, const char* fault_op, const char* exists_sql, const ornsid& id,
-                char bound_uuid[36], bool& bound) {
+                RecycleEngineBinding& binding) {
     std::string uuid = uuid_text(id);
     Call call;
     int result = 0;
     if (!fault(fault_op, uuid, false, &result)) result = row_exists(exists_sql, uuid) ? 0 : -1;
     log_call(op, {arg("uuid", uuid)}, result);
     if (!call.finish()) result = -1;
-    bound = result == 0;
-    if (bound) std::memcpy(bound_uuid, id.uuid, sizeof(id.uuid));
+    binding.bound = result == 0;
+    if (binding.bound) std::memcpy(binding.uuid, id.uuid, sizeof(id.uuid));
     return result;
 }
 
-int engine_recycle(const char* engine, const char* volumes_sql, const char bound_uuid[36],
-                   bool bound, const stream_info& info, long long from_ms, long long to_ms) {
-    std::string uuid = field_text(bound_uuid, 36);
+int engine_recycle(const char* engine, const char* volumes_sql,
+                   const RecycleEngineBinding& binding, const stream_info& info, long long from_ms,
+                   long long to_ms) {
+    std::string uuid = field_text(binding.uuid, sizeof(binding.uuid));
     std::string sid = field_text(info.sid, sizeof(info.sid));
     // The database stays read-locked while folders go, so no period can be
     // listed between the look-up and the removal.
     Call call;
     int result = -1;
-    if (bound) {
+    if (binding.bound) {
         std::vector<VolumeFolder> volumes = bound_volumes(volumes_sql, uuid);
         Recycling r{from_ms, to_ms, listed_spans(info, from_ms, to_ms), 0};
         // Nothing goes when the database could not be read.
@@ -353,9 +358,8 @@ int engine_recycle(const char* engine, const char* volumes_sql, const char bound
     return call.finish() ? result : -1;
 }
 
-int engine_uninit(const char* op, char bound_uuid[36], bool& bound) {
-    bound = false;
-    std::memset(bound_uuid, 0, 36);
+int engine_uninit(const char* op, RecycleEngineBinding& binding) {
+    binding = RecycleEngineBinding();
     log_call(op, {}, 0);
     return 0;
 }
@@ -363,34 +367,32 @@ int engine_uninit(const char* op, char bound_uuid[36], bool& bound) {
 }  // namespace
 }  // namespace sim
 
-CFSTier::CFSTier() : bound_uuid_(), bound_(false) { sim::log_call("CFSTier", {}); }
+CFSTier::CFSTier() : binding_(new RecycleEngineBinding()) { sim::log_call("CFSTier", {}); }
 
 CFSTier::~CFSTier() { sim::log_call("~CFSTier", {}); }
 
 int CFSTier::init(ornsid space_uuid) {
     return sim::engine_init("CFSTier::init", "tier_init", sim::kSpaceExists, space_uuid,
-                            bound_uuid_, bound_);
+                            *binding_);
 }
 
 int CFSTier::recycle_channel_data(stream_info info, long long from_ms, long long to_ms) {
-    return sim::engine_recycle("tier", sim::kTierVolumes, bound_uuid_, bound_, info, from_ms,
-                               to_ms);
+    return sim::engine_recycle("tier", sim::kTierVolumes, *binding_, info, from_ms, to_ms);
 }
 
-int CFSTier::uninit() { return sim::engine_uninit("CFSTier::uninit", bound_uuid_, bound_); }
+int CFSTier::uninit() { return sim::engine_uninit("CFSTier::uninit", *binding_); }
 
-CFSUnit::CFSUnit() : bound_uuid_(), bound_(false) { sim::log_call("CFSUnit", {}); }
+CFSUnit::CFSUnit() : binding_(new RecycleEngineBinding()) { sim::log_call("CFSUnit", {}); }
 
 CFSUnit::~CFSUnit() { sim::log_call("~CFSUnit", {}); }
 
 int CFSUnit::init(ornsid volume_uuid) {
     return sim::engine_init("CFSUnit::init", "unit_init", sim::kUnitVolumes, volume_uuid,
-                            bound_uuid_, bound_);
+                            *binding_);
 }
 
 int CFSUnit::recycle_channel_data(stream_info info, long long from_ms, long long to_ms) {
-    return sim::engine_recycle("unit", sim::kUnitVolumes, bound_uuid_, bound_, info, from_ms,
-                               to_ms);
+    return sim::engine_recycle("unit", sim::kUnitVolumes, *binding_, info, from_ms, to_ms);
 }
 
-int CFSUnit::uninit() { return sim::engine_uninit("CFSUnit::uninit", bound_uuid_, bound_); }
+int CFSUnit::uninit() { return sim::engine_uninit("CFSUnit::uninit", *binding_); }

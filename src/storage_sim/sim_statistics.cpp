@@ -22,9 +22,9 @@ bool same_space(const ornsid& a, const ornsid& b) {
 // Storage ids (32 bytes each) of the channel's profiles in the space.
 std::set<std::string> profile_storage_ids(const ornsid& space, uint32_t channel_id) {
     std::set<std::string> ids;
-    static const std::string sql =
-        std::string("SELECT ") + kProfileColumns + " FROM profiles WHERE channel_id = ?1 "
-        "ORDER BY rowid";
+    static const std::string sql = std::string("SELECT ") + kProfileColumns +
+                                   " FROM profiles WHERE channel_id = ?1 "
+                                   "ORDER BY rowid";
     Stmt rows(sql.c_str());
     rows.bind(1, static_cast<long long>(channel_id));
     while (rows.step()) {
@@ -117,8 +117,7 @@ int ChannelConfiguration::get_recording_days(int record_type, int value,
     }
     log_call("get_recording_days",
              {arg("channel_id", static_cast<long long>(channel_id_)),
-              arg("record_type", record_type), arg("value", value),
-              arg("storage_ids", id_texts)},
+              arg("record_type", record_type), arg("value", value), arg("storage_ids", id_texts)},
              0);
     if (!call.finish()) return -1;
     return days == nullptr ? 0 : hand_out_days(found, days);
@@ -189,11 +188,10 @@ int StorageSetting::get_storage_id_profile_list(ornsid space_uuid,
 int create_channel_configuration(channel_sid channel, IChannelStorageConfiguration** config) {
     Call call;
     int result = 0;
-    bool failed = fault("create_channel_configuration", std::to_string(channel.channel_id), true,
-                        &result);
+    bool failed =
+        fault("create_channel_configuration", std::to_string(channel.channel_id), true, &result);
     log_call("create_channel_configuration",
-             {arg("channel_id", static_cast<long long>(channel.channel_id))},
-             failed ? result : 0);
+             {arg("channel_id", static_cast<long long>(channel.channel_id))}, failed ? result : 0);
     if (!call.finish()) return -1;
     if (failed) return result;
     if (config != nullptr) *config = new ChannelConfiguration(channel.channel_id);
