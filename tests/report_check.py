@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""report_check.py KELVO KELVO-REPORT SCHEMA, in a server's folder under a fixed clock: kelvo-report's figures agree
+"""report_check.py KELVO KELVO-REPORT, in a server's folder under a fixed clock: kelvo-report's figures agree
 with kelvo's commands, nothing changes, no writing call is made, the JSON passes its schema and the Prometheus text
 the client's parser. Then, on the server as a copy: autoclean and volclean, --output, check's exit codes."""
 import json, os, re, sqlite3, subprocess, sys
@@ -7,7 +7,8 @@ import json, os, re, sqlite3, subprocess, sys
 import jsonschema
 from prometheus_client.parser import text_string_to_metric_families
 
-kelvo, report, schema = sys.argv[1:4]
+kelvo, report = sys.argv[1:3]
+schema = os.path.join(os.path.dirname(__file__), "../doc/kelvo-report.schema.json")
 find = lambda pattern, text: re.findall(pattern, text, re.M)
 
 
