@@ -1,55 +1,128 @@
 #!/usr/bin/python3
-"""kelvo-report's JSON against its schema, its Prometheus text through the
-client library's parser, and the two forms against each other.
-
-    report_check.py SCHEMA REPORT.json REPORT.prom
-"""
-import json
-import sys
+"""report_check.py KELVO KELVO-REPORT, in a server's folder under a fixed clock: kelvo-report's figures agree
+with kelvo's commands, nothing changes, no writing call is made, the JSON passes its schema and the Prometheus text
+the client's parser. Then, on the server as a copy: autoclean and volclean, --output, check's exit codes."""
+import json, os, re, sqlite3, subprocess, sys
 
 import jsonschema
 from prometheus_client.parser import text_string_to_metric_families
 
-schema, report, prom = (open(path).read() for path in sys.argv[1:4])
-report = json.loads(report)
-jsonschema.Draft7Validator.check_schema(json.loads(schema))
-jsonschema.validate(report, json.loads(schema), cls=jsonschema.Draft7Validator)
+kelvo, report = sys.argv[1:3]
+schema = os.path.join(os.path.dirname(__file__), "../doc/kelvo-report.schema.json")
+find = lambda pattern, text: re.findall(pattern, text, re.M)
 
-families = {f.name: f for f in text_string_to_metric_families(prom)}
-expected = """report_success report_duration_seconds space_size_bytes space_used_bytes
-    volume_size_bytes volume_used_bytes volume_preallocate_remain_bytes volume_lost_bytes
-    volume_leak channel_null_storage_ids channel_recording_days channel_recorded_bytes
-    channel_recycle_whole_window""".split()
-assert sorted(families) == sorted("kelvo_" + name for name in expected), sorted(families)
-for f in families.values():
-    assert f.type == "gauge" and f.documentation, f.name
 
-def values(name):
-    return {tuple(sorted(s.labels.items())): s.value for s in families[name].samples}
+def sql(query=None):  # rows of the query's last statement; the whole dump without one
+    db = sqlite3.connect(os.environ["ORN_STORAGE_DB"], isolation_level=None)
+    rows = list(db.iterdump()) if query is None else [r for q in query.split(";") for r in db.execute(q)]
+    db.close()
+    return rows
 
-MB = 1048576
-spaces = {s["name"]: s for s in report["spaces"]}
-want = {
-    "kelvo_space_size_bytes": {(("space", n),): s["total_mb"] * MB for n, s in spaces.items()},
-    "kelvo_volume_used_bytes": {
-        (("space", v["space"] or ""), ("volume", v["name"])): v["used_mb"] * MB
-        for v in report["volumes"]},
-    "kelvo_volume_lost_bytes": {
-        (("volume", v["name"]),): v["lost_mb"] * MB
-        for v in report["volumes"] if v["lost_mb"] is not None},
-    "kelvo_volume_leak": {(("volume", v["name"]),): int(v["leak"]) for v in report["volumes"]},
-    "kelvo_channel_null_storage_ids": {
-        (("channel", "ch%02d" % (c["channel_id"] + 1)),): c["null_storage_ids"]
-        for c in report["channels"]},
-    "kelvo_channel_recording_days": {
-        (("channel", "ch%02d" % (c["channel_id"] + 1)), ("record_type", t),
-         ("space", r["space"])): len(r["days"][t])
-        for c in report["channels"] for r in c["recordings"] for t in ("NR", "AR")},
-    "kelvo_channel_recycle_whole_window": {
-        (("channel", "ch%02d" % (c["channel_id"] + 1)), ("record_type", r["record_type"]),
-         ("stream", str(r["stream"]))): int(r["whole_window"])
-        for c in report["channels"] for r in c["recycle"]},
-}
+
+def out(*args, binary=kelvo, env={}, ok=True):  # standard output, of a run that must succeed quietly
+    r = subprocess.run([binary, *args], capture_output=True, text=True, env={**os.environ, **env})
+    assert not ok or (r.returncode, r.stderr) == (0, ""), (args, r)
+    return r.stdout if ok else r
+
+
+def state():
+    return ([row for row in sql() if "call_log" not in row],
+            sorted(os.path.join(d, n) for d, ds, fs in os.walk(".") for n in ds + fs if "storage.db" not in n))
+
+
+before, rep = state(), json.loads(out(binary=report))
+spaces, volumes, channels = rep["spaces"], rep["volumes"], rep["channels"]
+jsonschema.validate(rep, json.loads(open(schema).read()), cls=jsonschema.Draft7Validator)
+recycle = [(c, r) for c in channels for r in c["recycle"]]
+assert sql("SELECT count(*) FROM call_log WHERE op = 'query_time_periods'") == [(len(recycle),)]
+seen = json.dumps(rep, separators=(",", ":"))  # the fixture reaches every kind of figure
+assert all(s in seen for s in '"leak":true "leak":false "lost_mb":null "space":null "critical" "warning" '
+           '"query_failed":true "whole_window":false "null_storage_ids":2'.split()), seen
+for v in json.loads(out("--no-du", binary=report))["volumes"]:
+    assert (v["preallocate_remain_mb"], v["lost_mb"], v["leak"]) == (None, None, False), v
+ch = lambda c: "ch%02d" % (c["channel_id"] + 1)
+
+got = find(r"^\[\d+\] \[(.*)\], total size: (-?\d+) GB, used: (-?\d+) MB, use .*% \[(.*?) *\]$", out("spacelist"))
+assert got == [(s["name"], str(s["total_mb"] // 1024), str(s["used_mb"]), s["status"]) for s in spaces], got
+for s in spaces:
+    got = find(r"^\[\d+\] \[(.*)\], \[(.*)\] \[(.*?) *\], total size (-?\d+) GB, used (-?\d+) MB",
+               out("vollist", s["name"]))
+    assert got == [(v["name"], v["type"].upper().ljust(6), v["state"], str(v["total_mb"] // 1024), str(v["used_mb"]))
+                   for v in volumes if v["space"] == s["name"]], got
+volume_of = dict(find(r"^(ch\d+) volume=\[(.*)\]$", out("voluse", "-1")))
+assert all(c["volume"] == (volume_of[ch(c)] or None) for c in channels)
+for v in volumes:
+    if not v["name"].startswith("VolName_"):
+        assert v["channel_ids"] == [int(i) - 1 for i in find(r"uses channel\[(\d+)\]", out("volchn", v["name"]))], v
+nullid = out("nullid", "-1")
+for c in channels:
+    assert c["null_storage_ids"] == sum(b.count("\n") for b in find(ch(c) + r" list:\n((?:\t.*\n)*)", nullid)), c
+    assert c["query_failures"] == len(find(ch(c) + r" \[.*\] retrieve time period fail", nullid)), c
+for s in spaces:
+    blocks = find(r"^channel: (.*)\n(?:    s.*\n)*    N.*\n((?:        .*\n)*)    A.*\n((?:        .*\n)*)"
+                  r"(?:    [NA].*\n)*    All recording size: (-?\d+)", out("spaceinfo", s["name"]))
+    want = {(sid, tuple(find("= (.*)", nr)), tuple(find("= (.*)", ar)), int(size)) for sid, nr, ar, size in blocks
+            if sid in [c["sid"] for c in channels]}
+    got = [(c["sid"], tuple(r["days"]["NR"]), tuple(r["days"]["AR"]), r["size_mb"])
+           for c in channels for r in c["recordings"] if r["space"] == s["name"]]
+    assert sorted(got) == sorted(want), (got, want)
+
+families = {f.name: f for f in text_string_to_metric_families(out("--format=prometheus", binary=report))}
+assert all(f.type == "gauge" and f.documentation for f in families.values())
+MB, labels = 1 << 20, lambda **kw: tuple(sorted(kw.items()))
+want = {"report_success": {(): 1}, "volume_leak": {labels(volume=v["name"]): v["leak"] for v in volumes}}
+for f, k in [("size", "total_mb"), ("used", "used_mb")]:
+    want["space_%s_bytes" % f] = {labels(space=s["name"]): s[k] * MB for s in spaces}
+    want["volume_%s_bytes" % f] = {labels(space=v["space"] or "", volume=v["name"]): v[k] * MB for v in volumes}
+for k in ["preallocate_remain_mb", "lost_mb"]:
+    want["volume_" + k[:-2] + "bytes"] = {labels(volume=v["name"]): v[k] * MB for v in volumes if v[k] is not None}
+want["channel_null_storage_ids"] = {labels(channel=ch(c)): c["null_storage_ids"] for c in channels}
+want["channel_recording_days"] = {labels(channel=ch(c), record_type=t, space=r["space"]): len(r["days"][t])
+                                  for c in channels for r in c["recordings"] for t in ("AR", "NR")}
+want["channel_recorded_bytes"] = {labels(channel=ch(c), space=r["space"]): r["size_mb"] * MB
+                                  for c in channels for r in c["recordings"]}
+want["channel_recycle_whole_window"] = {labels(channel=ch(c), record_type=r["record_type"], stream=str(r["stream"])):
+                                        r["whole_window"] for c, r in recycle}
+assert set(families) == {"kelvo_" + n for n in [*want, "report_duration_seconds"]}, families
 for name, samples in want.items():
-    assert values(name) == samples, (name, values(name), samples)
-assert values("kelvo_report_success") == {(): 1}
+    assert {labels(**s.labels): s.value for s in families["kelvo_" + name].samples} == samples, name
+
+assert sql("SELECT count(*) FROM call_log WHERE op IN ('set_volume_setting', 'refresh_space', "
+           "'update_time_period', 'recycle_channel_data', 'CFSTier', 'CFSUnit')") == [(0,)]
+assert state() == before
+
+# The server is a copy from here on: recycling, --output and the states of the check.
+got = find(r"^Volume \[(.*)\] total size -?\d+ GB\((-?\d+) MB\), used (-?\d+) MB\(preallocate_remain (-?\d+) MB\)"
+           r"\.\nSize lost (-?\d+) MB", out("autoclean"))
+assert got == [(v["name"], *(str(v[k]) for k in ("total_mb", "used_mb", "preallocate_remain_mb", "lost_mb")))
+               for v in volumes if v["leak"]], got
+volclean = dict(find(r"^Recycle --(ch\d+)-- data \.\.\.\n((?:\t.*\n)*)", out("volclean", "-1")))
+calls = {row[:3]: row[3:] for row in sql("SELECT " + ", ".join("json_extract(args, '$.%s')" % k for k in (
+    "channel_id", "record_type", "stream", "from_ms", "to_ms")) + " FROM call_log WHERE op = 'recycle_channel_data'")}
+for c in channels:
+    assert find(r"\[(..) S(\d+)\] (Success|Can not find)", volclean[ch(c)]) == [
+        (r["record_type"], "%02d" % r["stream"], ("Success", "Can not find")[r["whole_window"]]) for r in c["recycle"]]
+for c, r in recycle:
+    assert calls[c["channel_id"], 4 if r["record_type"] == "NR" else 1, r["stream"]] == (r["from_ms"], r["bound_ms"])
+
+os.mkdir("out")
+open("out/r.json", "w").write("old")
+os.link("out/r.json", "out/keep")  # a file written in place would change its other name too
+assert out("--output=out/r.json", binary=report) == "" and sorted(os.listdir("out")) == ["keep", "r.json"]
+assert (open("out/r.json").read(), open("out/keep").read()) == (out(binary=report), "old")
+
+sql("DELETE FROM volumes; DELETE FROM periods; DELETE FROM faults")
+missing = {"ORN_STORAGE_DB": "missing.db"}
+for used, args, env, status, head, err_lines in [
+        (1000, ["--format=check"], {}, 0, "KELVO OK - ", 0),
+        (17000, ["--format=check", "--warn=85"], {}, 1, "KELVO WARNING - ", 0),
+        (19000, ["--format", "check", "--crit=95"], {}, 2, "KELVO CRITICAL - ", 0),
+        (0, ["--format=check"], missing, 3, "KELVO UNKNOWN - ", 0),
+        (0, ["--format=check", "--bogus"], {}, 3, "KELVO UNKNOWN - ", 0),
+        (0, [], missing, 1, "", 1),
+        (0, ["--format=prometheus"], missing, 1, "# HELP", 1),
+        (0, ["--format=xml"], {}, 2, "", 2)]:
+    sql("UPDATE spaces SET used_size_mb = %d WHERE name = 'Cold'" % used)
+    r = out(*args, binary=report, env=env, ok=False)
+    assert (r.returncode, r.stdout.startswith(head), r.stderr.count("\n"), r.stdout.count("\n") == 1,
+            "\nkelvo_report_success 0\n" in r.stdout) == (status, True, err_lines, head[:1] == "K", head == "# HELP"), r
