@@ -20,14 +20,13 @@
 //   log + block        what the library logged
 //   gone PATH          what the runs removed: everything below PATH, and
 //                      nothing else of the tree may change
-#include <dirent.h>
+#include <glob.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <fstream>
-#include <set>
 #include <sstream>
 
 #include "sim_server.h"
@@ -44,33 +43,28 @@ struct Case {
 };
 
 std::vector<Case> load_cases() {
-    std::vector<std::string> files;
-    DIR* dir = opendir(KELVO_CASES_DIR);
-    while (dirent* e = dir ? readdir(dir) : nullptr) {
-        std::string f = e->d_name;
-        if (f.size() > 6 && f.compare(f.size() - 6, 6, ".cases") == 0) files.push_back(f);
-    }
-    if (dir) closedir(dir);
-    std::sort(files.begin(), files.end());
+    glob_t files;
+    glob(KELVO_CASES_DIR "/*.cases", 0, nullptr, &files);
     std::vector<Case> cases;
-    for (const std::string& f : files) {
-        std::ifstream in(std::string(KELVO_CASES_DIR) + "/" + f);
-        std::string line, stem = f.substr(0, f.size() - 6);
+    for (size_t i = 0; i < files.gl_pathc; ++i) {
+        std::ifstream in(files.gl_pathv[i]);
+        std::string line, stem = files.gl_pathv[i];
+        stem = stem.substr(stem.rfind('/') + 1, stem.size() - stem.rfind('/') - 7);
         while (std::getline(in, line)) {
             if (line.rfind("=== ", 0) == 0) {
-                std::string name = stem + "_" + line.substr(4);
-                for (char& c : name)
+                cases.push_back({stem + "_" + line.substr(4), {}});
+                for (char& c : cases.back().name)
                     if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-                cases.push_back({name, {}});
             } else if (line[0] == '|' && !cases.empty() && !cases.back().steps.empty()) {
                 cases.back().steps.back().block += line.substr(line.size() > 1 ? 2 : 1) + "\n";
             } else if (!line.empty() && line[0] != '#' && !cases.empty()) {
-                size_t space = line.find(' ');
-                cases.back().steps.push_back({line.substr(0, space),
-                                              space == std::string::npos ? "" : line.substr(space + 1), ""});
+                size_t space = std::min(line.find(' '), line.size());
+                cases.back().steps.push_back(
+                    {line.substr(0, space), line.substr(space + (space < line.size())), ""});
             }
         }
     }
+    globfree(&files);
     return cases;
 }
 
@@ -182,8 +176,8 @@ TEST_P(CaseTest, Run) {
             for (const std::string& op : split(s.arg))
                 where += (where.empty() ? " WHERE op IN ('" : ", '") + op + "'";
             EXPECT_EQ(server.query("SELECT op || ' ' || args || ' ' || ifnull(result, 'NULL') "
-                                   "FROM call_log" + where + (where.empty() ? "" : ")") +
-                                   " ORDER BY seq"),
+                                   "FROM call_log" +
+                                   where + (where.empty() ? "" : ")") + " ORDER BY seq"),
                       s.block);
         } else if (s.keyword == "log") {
             EXPECT_EQ(kt::read_file(server.path("log.txt")), s.block);
@@ -200,6 +194,8 @@ TEST_P(CaseTest, Run) {
 void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 
 INSTANTIATE_TEST_SUITE_P(Cases, CaseTest, ::testing::ValuesIn(load_cases()),
-                         [](const ::testing::TestParamInfo<Case>& info) { return info.param.name; });
+                         [](const ::testing::TestParamInfo<Case>& info) {
+    return info.param.name;
+});
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <climits>
 #include <fstream>
-#include <regex>
 #include <thread>
 
 #include "channel.h"
@@ -14,15 +13,6 @@
 
 namespace {
 
-// uuid(n), sid(n), sto(n) as literals (the texts of kt::uuid() and so on), @ as |root|.
-std::string sql(std::string text, const std::string& root) {
-    static const std::regex call(R"(\b(uuid|sid|sto)\((\d+)\))");
-    for (std::smatch m; std::regex_search(text, m, call);) {
-        auto literal = m[1] == "uuid" ? kt::uuid : m[1] == "sid" ? kt::sid : kt::storage_id;
-        text.replace(m.position(), m.length(), "'" + literal(std::stoi(m[2])) + "'");
-    }
-    return std::regex_replace(text, std::regex("@"), root);
-}
 long long at(int day, int hour) { return kt::local_ms(2024, 3, day, hour); }
 const long long kNow = 1710504000;  // 2024-03-15 12:00 UTC
 
@@ -34,16 +24,15 @@ struct Server : kt::SimServer {
     const std::string listed = hour_folder(fsu, kt::sid(1), 4, 1, at(10, 7));
     const std::string unlisted = hour_folder(fsu, kt::sid(1), 4, 1, at(1, 5));
     Server() {
-        exec(sql(R"(INSERT INTO spaces VALUES (uuid(1), 'Main', uuid(101), 0, 0, 0, 0);
-            INSERT INTO volumes VALUES (uuid(11), uuid(101), '@/share/Vol1', -1, 0, 0, 1000, 10, '');
+        exec(R"(INSERT INTO spaces VALUES (uuid(1), 'Main', uuid(101), 0, 0, 0, 0);
+            INSERT INTO volumes VALUES (uuid(11), uuid(101), '{root}/share/Vol1', -1, 0, 0, 1000, 10, '');
             INSERT INTO volumes (uuid, group_uuid, path) VALUES
-                ('a0b1/../../vvvvvvvvvvvvvvvvvvvvvvvvv', uuid(101), '@/share/Vol1'),
-                (uuid(12), uuid(101), '@/share/Z' || char(0) || '/x'), (uuid(13), uuid(101), 'rel'),
-                (uuid(14), uuid(101), '@/share/x/../D');
+                ('a0b1/../../vvvvvvvvvvvvvvvvvvvvvvvvv', uuid(101), '{root}/share/Vol1'),
+                (uuid(12), uuid(101), '{root}/share/Z' || char(0) || '/x'), (uuid(13), uuid(101), 'rel'),
+                (uuid(14), uuid(101), '{root}/share/x/../D');
             INSERT INTO channels VALUES (0, sid(1)), (1, '5d x');
             INSERT INTO periods VALUES (0, 4, 1, unixepoch('2024-03-10 07:00') * 1000,
-                                        unixepoch('2024-03-10 08:00') * 1000, NULL, 'a', 0);)",
-                 root()));
+                                        unixepoch('2024-03-10 08:00') * 1000, NULL, 'a', 0);)");
         make_dir(listed);
         make_dir(unlisted);
     }
@@ -118,12 +107,12 @@ TEST(Containment, RecyclingKeepsListedHoursAndStaysInItsStreamFolder) {
 // server changes between volset's read and its write, are never written back.
 TEST(Containment, OldRowsAndServerSizesAreNeverWrittenBack) {
     Server s;
-    s.exec(sql(R"(
+    s.exec(R"(
         CREATE TABLE v AS SELECT * FROM volumes; DROP TABLE volumes; ALTER TABLE v RENAME TO volumes;
         CREATE TABLE p AS SELECT * FROM periods; DROP TABLE periods; ALTER TABLE p RENAME TO periods;
-        INSERT INTO volumes VALUES (uuid(15), uuid(101), '@/share/' || printf('%.1100c', 'p'),
-            -1, 0, 0, 0, 0, ''), (uuid(16), uuid(101), '@/share/TwinA', -1, 0, 0, 0, 0, ''),
-            (uuid(16), uuid(101), '@/share/TwinB', -1, 0, 0, 0, 0, '');
+        INSERT INTO volumes VALUES (uuid(15), uuid(101), '{root}/share/' || printf('%.1100c', 'p'),
+            -1, 0, 0, 0, 0, ''), (uuid(16), uuid(101), '{root}/share/TwinA', -1, 0, 0, 0, 0, ''),
+            (uuid(16), uuid(101), '{root}/share/TwinB', -1, 0, 0, 0, 0, '');
         INSERT INTO profiles VALUES (0, sid(1), uuid(1), uuid(101), uuid(11), sto(1));
         INSERT INTO periods VALUES (0, 4, 2, unixepoch('2024-03-10 07:00') * 1000,
             unixepoch('2024-03-10 08:00') * 1000, NULL, printf('%.64c', 'k'), 0),
@@ -131,8 +120,7 @@ TEST(Containment, OldRowsAndServerSizesAreNeverWrittenBack) {
         INSERT INTO settings VALUES ('trace', '1');
         CREATE TRIGGER measure AFTER INSERT ON call_log
             WHEN NEW.op = 'get_volume_setting' AND NEW.args LIKE '%000000000011%'
-            BEGIN UPDATE volumes SET total_size_mb = 2000, used_size_mb = 20 WHERE rowid = 1; END;)",
-               s.root()));
+            BEGIN UPDATE volumes SET total_size_mb = 2000, used_size_mb = 20 WHERE rowid = 1; END;)");
     s.make_dir(s.hour_folder(s.fsu, kt::sid(1), 4, 2, at(10, 7)));
     const std::string rows = s.query("SELECT * FROM periods WHERE period_key > 'k'") +
                              s.query("SELECT path FROM volumes");

@@ -68,7 +68,8 @@ void build(kt::SimServer& s) {
         sql += row("spaces", {lit(kt::uuid(i)), lit(std::string(1 + 511 * below(2), 'S')),
                               lit(kt::uuid(100 + i)), num(true), num(true), num(), num()});
     for (size_t i = 0; i < volumes; ++i) {
-        std::string path = (s.root() + "/" + rest()).substr(0, 1024), uuid = kt::uuid(int(200 + i));
+        std::string path = (s.root() + "/" + rest()).substr(0, 1024),
+                    uuid = kt::uuid(int(200 + i));
         sql += row("volumes", {lit(uuid), lit(kt::uuid(int(100 + i % 3))), lit(path),
                                chance(50) ? N(i) : num(), num(), num(), num(true), num(true),
                                lit(std::string(below(513), 'L'))});
@@ -81,13 +82,15 @@ void build(kt::SimServer& s) {
         std::string id = chance(70) ? N(c) : num(), sid = kt::sid(int(c));
         sql += row("channels", {id, lit(sid)});
         for (size_t k = below(2); k <= volumes; k += 1 + below(2))
-            sql += row("profiles", {id, lit(sid), lit(kt::uuid(int(k % 3))),
-                                    lit(kt::uuid(int(100 + k % 3))), lit(kt::uuid(int(200 + k))),
-                                    lit(kt::storage_id(int(below(3))))});
-        if (chance(50)) sql += row("volume_channels", {chance(80) ? N(below(6)) : num(), id, lit(sid)});
+            sql += row("profiles",
+                       {id, lit(sid), lit(kt::uuid(int(k % 3))), lit(kt::uuid(int(100 + k % 3))),
+                        lit(kt::uuid(int(200 + k))), lit(kt::storage_id(int(below(3))))});
+        if (chance(50))
+            sql += row("volume_channels", {chance(80) ? N(below(6)) : num(), id, lit(sid)});
         for (size_t i = 0, n = below(12); i < n; ++i) {  // with hour folders in the last 40 days
             long long type = std::stoll(word("4 4 4 1 1 2 4294967295")), stream = below(6);
-            long long from = now - long(below(40 * day)), to = from + long(below(day / 8)) - day / 24;
+            long long from = now - long(below(40 * day)),
+                      to = from + long(below(day / 8)) - day / 24;
             if (!fsus.empty() && chance(70)) {
                 std::string hour = s.hour_folder(pick(fsus), sid, int(type), int(stream), from);
                 s.make_dir(hour);
@@ -96,18 +99,19 @@ void build(kt::SimServer& s) {
             if (chance(10)) from = std::stoll(word("-1 -9223372036854775808 9223372036854775807"));
             std::string key = "k" + N(c) + "-" + N(i) + (chance(20) ? "$(touch marker)" : "");
             std::string sto = chance(60) ? word("NULL NULL X''") : lit(kt::storage_id(1));
-            sql += row("periods", {chance(90) ? id : num(), N(type), N(stream), N(from), N(to), sto,
-                                   lit(key + std::string(55 * below(2), 'K')), num(true)});
+            sql += row("periods", {chance(90) ? id : num(), N(type), N(stream), N(from), N(to),
+                                   sto, lit(key + std::string(55 * below(2), 'K')), num(true)});
         }
     }
     for (int i = chance(70) ? 0 : 1 + below(3); i > 0; --i) {
         std::string target = chance(30) ? kt::uuid(int(200 * below(2) + below(3)))
                                         : word("* * 0 1 2 0:4:1 1:1:2 k0-1 k1-0");
-        sql += row("faults", {word("'create_plug_play_service' 'create_channel_session' 'tier_init' "
-                                   "'query_time_periods' 'retrieve_storage_id_profile_list' "
-                                   "'update_time_period' 'get_volume_setting' 'unit_init' "
-                                   "'create_channel_configuration' 'create_storage_setting'"),
-                              lit(target), word("-1 0 1 7 -2147483648 4294967301")});
+        sql +=
+            row("faults", {word("'create_plug_play_service' 'create_channel_session' 'tier_init' "
+                                "'query_time_periods' 'retrieve_storage_id_profile_list' "
+                                "'update_time_period' 'get_volume_setting' 'unit_init' "
+                                "'create_channel_configuration' 'create_storage_setting'"),
+                           lit(target), word("-1 0 1 7 -2147483648 4294967301")});
     }
     s.exec("BEGIN;" + sql + "COMMIT;");
 }
@@ -118,7 +122,8 @@ void check(kt::SimServer& s, const std::vector<std::string>& args) {
     SCOPED_TRACE(testing::PrintToString(args));
     bool report = args[0][0] == '-', cleans = args[0].find("clean") != std::string::npos;
     bool sets = args[0] == "volset", writes = sets || args[0] == "recoverid";
-    std::string t = sets ? "volumes" : "periods", cols = sets ? "volume_type, state" : "storage_id";
+    std::string t = sets ? "volumes" : "periods",
+                cols = sets ? "volume_type, state" : "storage_id";
     std::string before = s.dump_tables();
     std::vector<std::string> tree = s.tree();
     s.exec("DROP TABLE IF EXISTS old; CREATE TEMP TABLE old AS SELECT rowid AS r, * FROM " + t);
@@ -131,13 +136,15 @@ void check(kt::SimServer& s, const std::vector<std::string>& args) {
     for (const std::string& p : tree)
         EXPECT_TRUE(std::count(now.begin(), now.end(), p) || (cleans && regex_match(p, day))) << p;
     if (writes)
-        s.exec("UPDATE " + t + " SET (" + cols + ") = (SELECT " + cols + " FROM old WHERE r = " + t + ".rowid)");
+        s.exec("UPDATE " + t + " SET (" + cols + ") = (SELECT " + cols +
+               " FROM old WHERE r = " + t + ".rowid)");
     EXPECT_EQ(before, s.dump_tables());
 }
 
 TEST(HostileData, EveryCommandSurvivesAndWritesOnlyWhatItMay) {
     auto env = [](const char* n, const char* d) { return std::stoull(getenv(n) ? getenv(n) : d); };
-    const auto first = env("KELVO_FUZZ_SEED", "20240611"), seconds = env("KELVO_FUZZ_SECONDS", "0");
+    const auto first = env("KELVO_FUZZ_SEED", "20240611"),
+               seconds = env("KELVO_FUZZ_SECONDS", "0");
     const time_t end = time(nullptr) + time_t(seconds);
     unsigned long long seed = first, servers = env("KELVO_FUZZ_ITERATIONS", "16");
     while (!HasFailure() && (seconds ? time(nullptr) < end : seed - first < servers)) {
@@ -146,13 +153,14 @@ TEST(HostileData, EveryCommandSurvivesAndWritesOnlyWhatItMay) {
         kt::SimServer s(word("UTC America/New_York Asia/Kolkata Australia/Lord_Howe"));
         build(s);
         std::map<std::string, std::string> arg = {
-            {"V", std::regex_replace(rest(), std::regex("^(m/)?share/"), "")}, {"T", N(below(2))},
+            {"V", std::regex_replace(rest(), std::regex("^(m/)?share/"), "")},
+            {"T", N(below(2))},
             {"C", word("-1 -1 -1 0 1 5 32 -2 3x 4294967295 99999999999999999999")},
             {"S", std::string(chance(50) ? 1 : 512 + 88 * below(2), 'S')}};
-        for (const char* line : {"spacelist", "vollist S", "voluse C", "volchn V", "nullid C",
-                                 "spaceinfo S", "--format=json", "--format=prometheus",
-                                 "--format=check", "volclean C", "autoclean", "volset V T T",
-                                 "recoverid C"}) {
+        for (const char* line :
+             {"spacelist", "vollist S", "voluse C", "volchn V", "nullid C", "spaceinfo S",
+              "--format=json", "--format=prometheus", "--format=check", "volclean C", "autoclean",
+              "volset V T T", "recoverid C"}) {
             std::vector<std::string> args = words(line);
             for (std::string& a : args) a = arg.count(a) ? arg[a] : a;
             check(s, args);

@@ -2,22 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "sim_server.h"
 
 namespace {
-
-// uuid(n), sid(n) and sto(n) as literals (the texts of kt::uuid() and so on).
-std::string sql(std::string text) {
-    static const std::regex call(R"(\b(uuid|sid|sto)\((\d+)\))");
-    for (std::smatch m; std::regex_search(text, m, call);) {
-        auto literal = m[1] == "uuid" ? kt::uuid : m[1] == "sid" ? kt::sid : kt::storage_id;
-        text.replace(m.position(), m.length(), "'" + literal(std::stoi(m[2])) + "'");
-    }
-    return text;
-}
 
 // Volumes with a leak, without "share/", unmeasurable (no folder), in no space; an empty slot, a
 // channel without a session, failed queries; null ids in and out of the 30 days and in stream 0;
@@ -51,7 +40,7 @@ INSERT INTO profiles VALUES (0, sid(1), uuid(1), uuid(10), uuid(20), sto(1)),
 
 TEST(Report, AgreesWithKelvoChangesNothingAndParses) {
     kt::SimServer s;
-    s.exec(sql(kServer));
+    s.exec(kServer);
     s.exec("UPDATE volumes SET path = '" + s.root() + "/' || path");
     std::istringstream rows(s.query("SELECT uuid, path FROM volumes WHERE volume_no != 4"));
     for (std::string uuid, path; std::getline(rows, uuid, '|') && std::getline(rows, path);) {

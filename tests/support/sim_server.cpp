@@ -122,8 +122,8 @@ SimServer::SimServer(const std::string& tz, const std::string& schema) : tz_(tz)
         throw std::runtime_error("cannot create the test server");
     db_ = db;
     for (const char* f : {"uuid", "sid", "sto", "ms"})
-        sqlite3_create_function(db, f, 1, SQLITE_UTF8, const_cast<char*>(f), sql_function,
-                                nullptr, nullptr);
+        sqlite3_create_function(db, f, 1, SQLITE_UTF8, const_cast<char*>(f), sql_function, nullptr,
+                                nullptr);
     exec(schema.empty() ? read_file(KELVO_SCHEMA) : schema);
 }
 
@@ -140,7 +140,8 @@ std::string SimServer::path(const std::string& relative) const {
     return !relative.empty() && relative[0] == '/' ? relative : root_ + "/" + relative;
 }
 
-void SimServer::exec(const std::string& sql) {
+void SimServer::exec(std::string sql) {
+    for (size_t at; (at = sql.find("{root}")) != std::string::npos;) sql.replace(at, 6, root_);
     char* error = nullptr;
     if (sqlite3_exec(handle(db_), sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK)
         ADD_FAILURE() << "SQL failed: " << (error ? error : "?") << "\n" << sql;
@@ -156,7 +157,8 @@ std::string SimServer::query(const std::string& sql) {
         for (int i = 0; i < sqlite3_column_count(stmt); ++i) {
             const unsigned char* text = sqlite3_column_text(stmt, i);
             if (i) out += '|';
-            if (text) out.append(reinterpret_cast<const char*>(text), sqlite3_column_bytes(stmt, i));
+            if (text)
+                out.append(reinterpret_cast<const char*>(text), sqlite3_column_bytes(stmt, i));
         }
         out += '\n';
     }
@@ -169,8 +171,8 @@ std::string SimServer::fsu_folder(const std::string& volume_path,
     return path(volume_path) + "/FSU_" + (volume_uuid.size() > 4 ? volume_uuid.substr(4, 32) : "");
 }
 
-std::string SimServer::hour_folder(const std::string& fsu, const std::string& sid,
-                                   int record_type, int stream, long long time_ms) const {
+std::string SimServer::hour_folder(const std::string& fsu, const std::string& sid, int record_type,
+                                   int stream, long long time_ms) const {
     time_t t = static_cast<time_t>(time_ms >= 0 ? time_ms / 1000 : -((-time_ms + 999) / 1000));
     struct tm local = {};
     localtime_r(&t, &local);
@@ -190,8 +192,9 @@ bool SimServer::exists(const std::string& p) const { return fs::exists(path(p));
 
 std::string SimServer::dump_tables() {
     std::string out, table;
-    std::istringstream names(query("SELECT name FROM sqlite_master WHERE type = 'table' AND name "
-                                   "NOT IN ('call_log', 'sqlite_sequence') ORDER BY name"));
+    std::istringstream names(
+        query("SELECT name FROM sqlite_master WHERE type = 'table' AND name "
+              "NOT IN ('call_log', 'sqlite_sequence') ORDER BY name"));
     while (std::getline(names, table)) {
         std::istringstream columns(query("SELECT name FROM pragma_table_info('" + table + "')"));
         std::string column, select = "SELECT rowid";

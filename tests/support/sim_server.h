@@ -33,7 +33,7 @@ public:
     const std::string& root() const { return root_; }
     const std::string& db_path() const { return db_path_; }
     std::string path(const std::string& relative) const;  // below the root unless absolute
-    void exec(const std::string& sql);
+    void exec(std::string sql);                           // {root} in it is the root folder
     // Rows as the sqlite3 shell prints them: columns joined by '|', a line a row.
     std::string query(const std::string& sql);
     // path + "/FSU_" + uuid characters 4 to 35, and an hour folder below it.
