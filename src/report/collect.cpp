@@ -215,7 +215,6 @@ std::string channel_label(uint32_t channel_id) {
     return label;
 }
 
-const char* record_type_name(int record_type) { return record_type_label(record_type); }
 
 namespace {
 
@@ -260,7 +259,7 @@ void find_problems(const Options& options, Report& report) {
         for (const RecycleFigures& r : c.recycle) {
             if (!r.whole_window || !r.query_failed) continue;
             char stream[16];
-            snprintf(stream, sizeof(stream), " %s S%.2d", record_type_name(r.record_type),
+            snprintf(stream, sizeof(stream), " %s S%.2d", record_type_label(r.record_type),
                      r.stream);
             add_problem(report, false, subject + stream,
                         "period query failed: volclean would recycle the whole window");

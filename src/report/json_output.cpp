@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "report.h"
+#include "shared.h"
 
 namespace {
 
@@ -58,7 +59,7 @@ json volume_json(const Report& report, const VolumeFigures& v) {
 json channel_json(const Report& report, const ChannelFigures& c) {
     json recycle = json::array();
     for (const RecycleFigures& r : c.recycle)
-        recycle.push_back({{"record_type", record_type_name(r.record_type)},
+        recycle.push_back({{"record_type", record_type_label(r.record_type)},
                            {"stream", r.stream},
                            {"from_ms", r.from_ms},
                            {"bound_ms", r.bound_ms},

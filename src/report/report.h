@@ -88,7 +88,6 @@ void find_problems(const Options& options, Report& report);
 bool used_percent(int64_t used_mb, int64_t total_mb, double& percent);
 // "ch01" for channel id 0.
 std::string channel_label(uint32_t channel_id);
-const char* record_type_name(int record_type);
 
 void write_json(FILE* out, const Report& report);
 void write_prometheus(FILE* out, const Report& report, bool success);

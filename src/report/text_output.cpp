@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "report.h"
+#include "shared.h"
 
 namespace {
 
@@ -167,7 +168,7 @@ void write_prometheus(FILE* out, const Report& report, bool success) {
             sample(out, "kelvo_channel_recycle_whole_window",
                    Labels()
                        .add("channel", channel_label(c.channel_id))
-                       .add("record_type", record_type_name(r.record_type))
+                       .add("record_type", record_type_label(r.record_type))
                        .add("stream", std::to_string(r.stream)),
                    r.whole_window ? 1 : 0);
 }
