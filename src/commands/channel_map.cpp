@@ -75,6 +75,6 @@ void cmd_volchn(IStorageSetting* setting, IPlugPlayService* service, const char*
     int line = 0;
     for (const channel_sid& channel : channels) {
         ++line;
-        printf("[%02d] uses channel[%02d]\n", line, static_cast<int>(channel.channel_id + 1u));
+        printf("[%02d] uses channel[%02d]\n", line, shown_channel(channel.channel_id));
     }
 }

@@ -125,7 +125,7 @@ void cmd_volclean(IStorageSetting* setting, int channel_id) {
 
     for (const TChannelStorageSetting& entry : channels) {
         if (!entry_selected(entry, channel_id)) continue;
-        printf("Recycle --ch%02d-- data ...\n", static_cast<int>(entry.channel_id + 1));
+        printf("Recycle --ch%02d-- data ...\n", shown_channel(entry.channel_id));
         walk_recycle_bounds(entry, from_ms, [&](const stream_info& info, int r, int64_t bound_ms) {
             if (r == -1) return;
             for (const TSpaceInfo& space : spaces)

@@ -33,6 +33,9 @@ void for_each_record_stream(int first_stream, Visit visit) {
             visit(record_type, stream);
 }
 
+// Channels are numbered from 0 inside and from 1 on screen.
+inline int shown_channel(uint32_t channel_id) { return static_cast<int>(channel_id + 1u); }
+
 // A sid of 32 '9' characters marks a slot without a channel.
 inline bool is_empty_slot(const char sid[32]) {
     for (int i = 0; i < 32; ++i)

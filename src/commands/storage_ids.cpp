@@ -16,9 +16,6 @@ namespace {
 const char kInvalidTimeText[] = "[invalid time]";
 const size_t kPathBufferSize = 512;
 
-// Channels are numbered from 0 inside and from 1 on screen.
-int shown_channel(uint32_t channel_id) { return static_cast<int>(channel_id + 1u); }
-
 bool starts_before(const time_period& a, const time_period& b) { return a.start_ms < b.start_ms; }
 
 // The volume's FSU folder. False when the path does not fit: the volume is

@@ -211,10 +211,9 @@ bool used_percent(int64_t used_mb, int64_t total_mb, double& percent) {
 
 std::string channel_label(uint32_t channel_id) {
     char label[16];
-    snprintf(label, sizeof(label), "ch%.2d", static_cast<int>(channel_id + 1u));
+    snprintf(label, sizeof(label), "ch%.2d", shown_channel(channel_id));
     return label;
 }
-
 
 namespace {
 
