@@ -60,5 +60,6 @@ FUZZ_SECONDS ?= 600
 FUZZ_SEED ?= $(shell date +%s)
 fuzz: build-asan
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-		KELVO_FUZZ_SECONDS=$(FUZZ_SECONDS) KELVO_FUZZ_SEED=$(FUZZ_SEED) \
-		$(BUILD)/asan/tests/fuzz_test --gtest_filter='HostileData.*'
+		KELVO_FUZZ_SECONDS=$(FUZZ_SECONDS) KELVO_FUZZ_SEED=$(FUZZ_SEED) KELVO=$(abspath $(BUILD))/asan/kelvo \
+		KELVO_REPORT=$(abspath $(BUILD))/asan/kelvo-report KELVO_SCHEMA=$(CURDIR)/src/storage_sim/schema.sql \
+		/usr/bin/python3 tests/fuzz_test.py

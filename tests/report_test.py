@@ -1,14 +1,57 @@
 #!/usr/bin/python3
-"""report_check.py KELVO KELVO-REPORT, in a server's folder under a fixed clock: kelvo-report's figures agree
-with kelvo's commands, nothing changes, no writing call is made, the JSON passes its schema and the Prometheus text
-the client's parser. Then, on the server as a copy: autoclean and volclean, --output, check's exit codes."""
-import json, os, re, sqlite3, subprocess, sys
+"""kelvo-report on a server built here, under a fixed clock: its figures agree with kelvo's commands,
+nothing changes, no writing call is made, the JSON passes its schema and the Prometheus text the client's
+parser. Then, on the same server: autoclean and volclean, --output, check's exit codes."""
+import atexit, json, os, re, sqlite3, subprocess, sys
 
 import jsonschema
 from prometheus_client.parser import text_string_to_metric_families
 
-kelvo, report = sys.argv[1:3]
-schema = os.path.join(os.path.dirname(__file__), "../doc/kelvo-report.schema.json")
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "support"))
+from server import FAKETIME, Server
+
+# Volumes with a leak, without "share/", unmeasurable (no folder), in no space; an empty slot, a channel
+# without a session, failed queries; null ids in and out of the 30 days and in stream 0; profiles that
+# spaceinfo shows as blocks A, B, A. Period times in hours from now.
+SERVER = """
+INSERT INTO settings VALUES ('trace', '1');
+INSERT INTO spaces VALUES (uuid(1), 'Main', uuid(10), 100000, 50000, 0, 1),
+  (uuid(2), 'Cold', uuid(11), 20000, 17000, 6, 0), (uuid(3), 'Empty', uuid(12), 0, 0, 0, 0);
+INSERT INTO volumes VALUES (uuid(20), uuid(10), 'v/share/Rec1', 1, 0, 0, 3000, 60, ''),
+  (uuid(21), uuid(10), 'v/share/Rec2', 2, 0, 0, 100, 93, ''),
+  (uuid(22), uuid(11), 'v/disk3', 3, 0, 0, 40, 1, ''),
+  (uuid(23), uuid(11), 'v/share/Spare1', 4, 1, 8, 50, 10, ''),
+  (uuid(24), uuid(99), 'v/share/Lone', 5, 0, 2, 10, 1, '');
+INSERT INTO volume_channels VALUES (1, 0, ''), (1, 2, ''), (2, 2, ''), (2, 1, ''), (2, 1, ''),
+  (3, 3, ''), (5, 40, '');
+INSERT INTO channels VALUES (0, sid(1)), (2, sid(3)), (3, sid(4)), (5, sid(6)),
+  (1, '99999999999999999999999999999999');
+INSERT INTO faults VALUES ('create_channel_session', '5', -1), ('query_time_periods', '2:4:1', -1),
+  ('query_time_periods', '2:4:0', -1);
+INSERT INTO periods VALUES (0, 4, 1, -48, -47, sto(1), 'p1', 100), (0, 4, 1, -960, -959, NULL, 'p2', 0),
+  (0, 4, 0, -120, -119, NULL, 'p3', 0), (0, 1, 2, -72, -71, NULL, 'p4', 0),
+  (0, 1, 1, -96, -95, sto(5), 'p5', 30), (0, 4, 2, -144, -143, sto(2), 'p6', 20),
+  (3, 1, 4, -240, -239, sto(4), 'p7', 7), (3, 4, 1, -744, -696, sto(4), 'p8', 5),
+  (2, 1, 3, -24, -23, sto(3), 'p9', 11);
+UPDATE periods SET start_ms = 1710930600000 + start_ms * 3600000, end_ms = 1710930600000 + end_ms * 3600000;
+INSERT INTO profiles VALUES (0, sid(1), uuid(1), uuid(10), uuid(20), sto(1)),
+  (2, sid(3), uuid(1), uuid(10), uuid(20), sto(3)), (0, sid(1), uuid(1), uuid(10), uuid(21), sto(2)),
+  (3, sid(4), uuid(2), uuid(11), uuid(22), sto(4)), (0, sid(1), uuid(2), uuid(11), uuid(22), sto(5)),
+  (7, sid(8), uuid(1), uuid(10), uuid(20), sto(6));
+"""
+kelvo, report = os.environ["KELVO"], os.environ["KELVO_REPORT"]
+server = Server()
+atexit.register(server.close)
+server.exec(SERVER + "UPDATE volumes SET path = '{root}/' || path")
+for volume_uuid, path in server.db.execute("SELECT uuid, path FROM volumes WHERE volume_no != 4"):
+    server.make_dir(server.fsu_folder(path, volume_uuid) + "/preallocate")
+    open(server.fsu_folder(path, volume_uuid) + "/preallocate/fill", "w").write("x" * (3 << 20))
+os.chdir(server.root)
+os.environ.update(ORN_STORAGE_DB=server.db_path, LD_PRELOAD=FAKETIME, FAKETIME="2024-03-20 10:30:00",
+                  FAKETIME_DONT_FAKE_MONOTONIC="1", ASAN_OPTIONS="verify_asan_link_order=0")
+
+schema = os.path.join(HERE, "../doc/kelvo-report.schema.json")
 find = lambda pattern, text: re.findall(pattern, text, re.M)
 
 
@@ -50,6 +93,7 @@ for s in spaces:
     assert got == [(v["name"], v["type"].upper().ljust(6), v["state"], str(v["total_mb"] // 1024), str(v["used_mb"]))
                    for v in volumes if v["space"] == s["name"]], got
 volume_of = dict(find(r"^(ch\d+) volume=\[(.*)\]$", out("voluse", "-1")))
+assert list(volume_of) == ["ch%02d" % (i + 1) for i in range(32)], volume_of  # every slot, in order
 assert all(c["volume"] == (volume_of[ch(c)] or None) for c in channels)
 for v in volumes:
     if not v["name"].startswith("VolName_"):

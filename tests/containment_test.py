@@ -1,0 +1,106 @@
+#!/usr/bin/python3
+"""The storage library when the database or the folders are not what they should be."""
+import os, subprocess, sys, traceback
+
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "support"))
+from server import Server, local_ms, sid, uuid
+
+NOW = 1710504000  # 2024-03-15 12:00 UTC
+QUIET = lambda out: (out, b"", 0)
+
+
+def server():
+    """Space Main; volume Vol1, safe, and volumes whose uuid or path lead elsewhere; channel 0 with
+    a period on NR S01 at 03-10 07:00, channel 1 with a sid of other characters; the hour folders
+    of the period (listed) and of 03-01 05:00 (unlisted)."""
+    s = Server()
+    s.exec("""INSERT INTO spaces VALUES (uuid(1), 'Main', uuid(101), 0, 0, 0, 0);
+        INSERT INTO volumes VALUES (uuid(11), uuid(101), '{root}/share/Vol1', -1, 0, 0, 1000, 10, '');
+        INSERT INTO volumes (uuid, group_uuid, path) VALUES ('a0b1/../../vvvvvvvvvvvvvvvvvvvvvvvvv', uuid(101),
+            '{root}/share/Vol1'), (uuid(12), uuid(101), '{root}/share/Z' || char(0) || '/x'),
+            (uuid(13), uuid(101), 'rel'), (uuid(14), uuid(101), '{root}/share/x/../D');
+        INSERT INTO channels VALUES (0, sid(1)), (1, '5d x');
+        INSERT INTO periods VALUES (0, 4, 1, ms('2024-03-10 07:00:00'), ms('2024-03-10 08:00:00'), NULL, 'a', 0);""")
+    s.fsu = s.fsu_folder("share/Vol1", uuid(11))
+    s.listed, s.unlisted = (s.hour_folder(s.fsu, sid(1), 4, 1, local_ms(t)) for t in ("2024-03-10 07:00:00", "2024-03-01 05:00:00"))
+    s.make_dir(s.listed)
+    s.make_dir(s.unlisted)
+    return s
+
+
+def damaged_database_fails_each_query_logs_it_and_recycles_nothing(s):
+    s.exec("""PRAGMA writable_schema = ON; UPDATE sqlite_master SET rootpage = (SELECT sum(rootpage) FROM sqlite_master
+        WHERE name IN ('periods', 'periods_by_stream')) - rootpage WHERE name IN ('periods', 'periods_by_stream')""")
+    failures = "".join("ch01 [%s S0%d] retrieve time period fail\n" % (t, n) for t in ("NR", "AR") for n in range(1, 5))
+    want = failures + "\nTotal have [0] time period data has null storage id.\n"
+    assert s.run(["nullid", "0"], ["ORN_LOG_FILE=debug.log"], NOW) == QUIET(want.encode())
+    assert open(s.path("debug.log")).read() == "database disk image is malformed\n" * 8
+    s.run(["volclean", "0"], at=NOW)
+    assert os.path.exists(s.unlisted)
+
+
+def recycling_keeps_listed_hours_and_stays_in_its_stream_folder(s):
+    """Volumes and sids that lead out of the stream folder, or into another, are skipped; a failed
+    query leaves the listed hour; a file system mounted below an hour is not entered."""
+    s.exec("INSERT INTO faults VALUES ('query_time_periods', '0:4:1', -1)")  # the whole 30 days
+    hour, mnt = "/4/1/20240301/05", s.unlisted + "/mnt"
+    kept = [s.path("share/vvvvvvvvvvvvvvvvvvvvvvvvv/") + sid(1), s.path("share/Z/") + sid(1), s.fsu + "/5d x",
+            s.fsu_folder("rel", uuid(13)) + "/" + sid(1), s.fsu_folder("share/D", uuid(14)) + "/" + sid(1)]
+    for folder in kept + ["share/Vol1/FSU_", "share/x", mnt, s.unlisted + "/own"]:
+        s.make_dir(folder + (hour if folder in kept else ""))
+    mounts = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "kelvo-test", mnt], capture_output=True).returncode == 0
+    try:
+        open(mnt + "/rec.dat", "w").write("recording")
+        s.run(["volclean", "-1"], at=NOW)
+        assert [f for f in kept if not os.path.exists(f + hour)] == [] and os.path.exists(s.listed)
+        assert not os.path.exists(s.unlisted + "/own") and open(mnt + "/rec.dat").read() == "recording"
+    finally:
+        assert not mounts or subprocess.run(["umount", "-l", mnt]).returncode == 0
+    return None if mounts else "no file system below an hour: mounting a tmpfs needs root"
+
+
+def old_rows_and_server_sizes_are_never_written_back(s):
+    """Rows of an older schema (no CHECK, no UNIQUE) that no record carries whole, and sizes that
+    the server changes between volset's read and its write, are never written back."""
+    s.exec("""CREATE TABLE v AS SELECT * FROM volumes; DROP TABLE volumes; ALTER TABLE v RENAME TO volumes;
+        CREATE TABLE p AS SELECT * FROM periods; DROP TABLE periods; ALTER TABLE p RENAME TO periods;
+        INSERT INTO volumes VALUES (uuid(15), uuid(101), '{root}/share/' || printf('%.1100c', 'p'), -1, 0, 0, 0, 0, ''),
+            (uuid(16), uuid(101), '{root}/share/TwinA', -1, 0, 0, 0, 0, ''), (uuid(16), uuid(101), '{root}/share/TwinB', -1, 0, 0, 0, 0, '');
+        INSERT INTO profiles VALUES (0, sid(1), uuid(1), uuid(101), uuid(11), sto(1));
+        INSERT INTO periods VALUES (0, 4, 2, ms('2024-03-10 07:00:00'), ms('2024-03-10 08:00:00'), NULL, printf('%.64c', 'k'), 0),
+            (0, 1, 1, 0, 1, sto(7), printf('%.63c', 'k'), 0);
+        INSERT INTO settings VALUES ('trace', '1');
+        CREATE TRIGGER measure AFTER INSERT ON call_log WHEN NEW.op = 'get_volume_setting' AND NEW.args LIKE '%000000000011%'
+            BEGIN UPDATE volumes SET total_size_mb = 2000, used_size_mb = 20 WHERE rowid = 1; END;""")
+    s.make_dir(s.hour_folder(s.fsu, sid(1), 4, 2, local_ms("2024-03-10 07:00:00")))
+    rows = lambda: s.query("SELECT * FROM periods WHERE period_key > 'k'") + s.query("SELECT path FROM volumes")
+    before = rows()
+    assert b"recover storage id: [update time period fail.]" in s.run(["recoverid", "0"], at=NOW)[0]  # 64 characters
+    for name in ["Vol1", "p" * 127, "TwinB"]:
+        assert s.run(["volset", name, "1", "1"], at=NOW) == QUIET(b"")
+    # Vol1 keeps the server's sizes, the long path is set whole, of two rows of one uuid neither.
+    assert s.query("SELECT volume_type, state, total_size_mb, used_size_mb FROM volumes") == \
+        "2|0|2000|20\n0|0|0|0\n0|0|0|0\n0|0|0|0\n0|0|0|0\n2|0|0|0\n0|0|0|0\n0|0|0|0\n"
+    assert rows() == before
+
+
+def database_with_other_columns_is_no_server(_):
+    for column in ["spaces RENAME spare_status", "volumes RENAME label", "channels RENAME sid", "periods RENAME size_mb",
+                   "faults RENAME result", "profiles RENAME storage_id", "volume_channels RENAME sid",
+                   "settings RENAME value", "call_log RENAME result"]:
+        with Server() as s:
+            s.exec("ALTER TABLE %s TO other" % column)
+            assert s.run(["spacelist"]) == QUIET(b"Query storage settings faiure.\n"), column
+
+
+failed = 0
+for test in [damaged_database_fails_each_query_logs_it_and_recycles_nothing, old_rows_and_server_sizes_are_never_written_back,
+             recycling_keeps_listed_hours_and_stays_in_its_stream_folder, database_with_other_columns_is_no_server]:
+    with server() as s:
+        try:
+            note = test(s)
+            print("ok: " + test.__name__ + (" (skipped in part: %s)" % note if note else ""))
+        except AssertionError:
+            failed += 1
+            print("FAILED: %s\n%s" % (test.__name__, traceback.format_exc()))
+sys.exit(1 if failed else 0)
