@@ -102,9 +102,10 @@ def run_case(steps, errors):
             elif keyword in ("out", "same"):
                 if not pending:
                     errors.append("out without run")
-                for out, err, status in pending:
-                    out = out.decode(errors="surrogateescape")
-                    check("the output of a run", (out, err, status), (block if keyword == "out" else pending[0][0].decode(errors="surrogateescape"), b"", 0))
+                outputs = [out.decode(errors="surrogateescape") for out, _, _ in pending]
+                for out, (_, err, status) in zip(outputs, pending):
+                    check("the output of a run", out, block if keyword == "out" else outputs[0])
+                    check("its standard error and exit status", (err, status), (b"", 0))
                     check("the start of the output", out[:len(block)], block)
                 pending = []
             elif keyword in ("after", "rows"):

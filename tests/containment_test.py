@@ -54,6 +54,11 @@ def recycling_keeps_listed_hours_and_stays_in_its_stream_folder(s):
         s.run(["volclean", "-1"], at=NOW)
         assert [f for f in kept if not os.path.exists(f + hour)] == [] and os.path.exists(s.listed)
         assert not os.path.exists(s.unlisted + "/own") and open(mnt + "/rec.dat").read() == "recording"
+        if mounts:  # with safe volumes only, the hour that could not go fails its stream's recycling
+            s.exec("DELETE FROM volumes WHERE uuid <> uuid(11); INSERT INTO settings VALUES ('trace', '1')")
+            s.run(["volclean", "0"], at=NOW)
+            assert s.query("SELECT json_extract(args, '$.record_type') || ':' || json_extract(args, '$.stream') || ' ' || result "
+                           "FROM call_log WHERE op = 'recycle_channel_data' AND result <> 0") == "4:1 -1\n"
     finally:
         assert not mounts or subprocess.run(["umount", "-l", mnt]).returncode == 0
     return None if mounts else "no file system below an hour: mounting a tmpfs needs root"
