@@ -2,7 +2,7 @@
 """kelvo-report on a server built here, under a fixed clock: its figures agree with kelvo's commands,
 nothing changes, no writing call is made, the JSON passes its schema and the Prometheus text the client's
 parser. Then, on the same server: autoclean and volclean, --output, check's exit codes."""
-import atexit, json, os, re, sqlite3, subprocess, sys
+import atexit, json, os, re, subprocess, sys
 
 import jsonschema
 from prometheus_client.parser import text_string_to_metric_families
@@ -55,11 +55,8 @@ schema = os.path.join(HERE, "../doc/kelvo-report.schema.json")
 find = lambda pattern, text: re.findall(pattern, text, re.M)
 
 
-def sql(query=None):  # rows of the query's last statement; the whole dump without one
-    db = sqlite3.connect(os.environ["ORN_STORAGE_DB"], isolation_level=None)
-    rows = list(db.iterdump()) if query is None else [r for q in query.split(";") for r in db.execute(q)]
-    db.close()
-    return rows
+def sql(query):  # rows of the query's statements
+    return [r for q in query.split(";") for r in server.db.execute(q)]
 
 
 def out(*args, binary=kelvo, env={}, ok=True):  # standard output, of a run that must succeed quietly
@@ -68,11 +65,7 @@ def out(*args, binary=kelvo, env={}, ok=True):  # standard output, of a run that
     return r.stdout if ok else r
 
 
-def state():
-    return ([row for row in sql() if "call_log" not in row],
-            sorted(os.path.join(d, n) for d, ds, fs in os.walk(".") for n in ds + fs if "storage.db" not in n))
-
-
+state = lambda: (server.dump(), server.tree())
 before, rep = state(), json.loads(out(binary=report))
 spaces, volumes, channels = rep["spaces"], rep["volumes"], rep["channels"]
 jsonschema.validate(rep, json.loads(open(schema).read()), cls=jsonschema.Draft7Validator)
