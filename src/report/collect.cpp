@@ -217,9 +217,9 @@ std::string channel_label(uint32_t channel_id) {
 
 namespace {
 
-void add_problem(Report& report, bool critical, const std::string& subject,
+void add_problem(Report& report, bool critical, const char* kind, const std::string& subject,
                  const std::string& text) {
-    report.problems.push_back(Problem{critical, subject, text});
+    report.problems.push_back(Problem{critical, kind, subject, text});
 }
 
 void check_use(const Options& options, Report& report, const std::string& subject, int64_t used_mb,
@@ -231,7 +231,7 @@ void check_use(const Options& options, Report& report, const std::string& subjec
     char text[128];
     snprintf(text, sizeof(text), "used %.2f%% of %lld MB (threshold %g%%)", percent,
              static_cast<long long>(total_mb), limit);
-    add_problem(report, percent >= options.crit, subject, text);
+    add_problem(report, percent >= options.crit, "use", subject, text);
 }
 
 }  // namespace
@@ -245,12 +245,12 @@ void find_problems(const Options& options, Report& report) {
         char text[160];
         snprintf(text, sizeof(text), "leaks: %lld MB lost, over 5%% of %lld MB",
                  static_cast<long long>(v.lost_mb), static_cast<long long>(v.total_mb));
-        add_problem(report, true, "volume " + v.name, text);
+        add_problem(report, true, "leak", "volume " + v.name, text);
     }
     for (const ChannelFigures& c : report.channels) {
         const std::string subject = "channel " + channel_label(c.channel_id);
         if (c.null_storage_ids > 0)
-            add_problem(report, false, subject,
+            add_problem(report, false, "null_ids", subject,
                         std::to_string(c.null_storage_ids) +
                             " time periods with a null storage id");
         // An empty answer is a stream without recordings in the window; only a
@@ -260,7 +260,7 @@ void find_problems(const Options& options, Report& report) {
             char stream[16];
             snprintf(stream, sizeof(stream), " %s S%.2d", record_type_label(r.record_type),
                      r.stream);
-            add_problem(report, false, subject + stream,
+            add_problem(report, false, "failed_queries", subject + stream,
                         "period query failed: volclean would recycle the whole window");
         }
     }

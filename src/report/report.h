@@ -67,6 +67,9 @@ struct ChannelFigures {
 
 struct Problem {
     bool critical = false;
+    // What the problem is about: use, state, leak, null_ids, failed_queries,
+    // retention or not_measured.
+    std::string kind;
     std::string subject;
     std::string text;
 };
@@ -88,6 +91,10 @@ void find_problems(const Options& options, Report& report);
 bool used_percent(int64_t used_mb, int64_t total_mb, double& percent);
 // "ch01" for channel id 0.
 std::string channel_label(uint32_t channel_id);
+
+// The text with every byte that does not start a valid UTF-8 sequence
+// replaced by U+FFFD.
+std::string valid_utf8(const std::string& in);
 
 void write_json(FILE* out, const Report& report);
 void write_prometheus(FILE* out, const Report& report, bool success);
