@@ -292,6 +292,14 @@ int main(int argc, char** argv) {
     db.exec("PRAGMA journal_mode = MEMORY; PRAGMA synchronous = OFF;");
     db.exec(read_file(o.schema));
     db.exec("BEGIN");
+    // The hour folders are made in this process's zone: the recorder's.
+    const char* tz = getenv("TZ");
+    if (tz != nullptr && *tz != '\0') {
+        sqlite3_stmt* zone = db.prepare("INSERT INTO settings VALUES ('timezone', ?1)");
+        bind_text(zone, 1, tz);
+        db.done(zone);
+        sqlite3_finalize(zone);
+    }
     add_spaces_and_volumes(db, o, folders);
     add_channels(db, o);
     long long nulls = add_periods(db, o, folders);

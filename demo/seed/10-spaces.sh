@@ -1,3 +1,5 @@
+# The recorder writes its hour folders in this zone, whatever TZ kelvo runs in.
+sql "INSERT INTO settings VALUES ('timezone', '$TZ');"
 # Two recording spaces and a small archive space that has gone wrong.
 G_MAIN=9f1c7a20-5b3e-4c1d-8e2f-1a2b3c4d5e60
 G_BACKUP=9f1c7a20-5b3e-4c1d-8e2f-1a2b3c4d5e61

@@ -31,6 +31,17 @@ const std::string& log_file_path();
 // Appends |line| and a newline to ORN_LOG_FILE when it is set.
 void append_log_line(const std::string& line);
 
+// While one exists, the C library's local time is the recorder's zone (the
+// settings row "timezone") instead of the process's TZ; the process's TZ is
+// back when the outermost one ends. Without a usable row it changes nothing.
+class RecorderZone {
+public:
+    RecorderZone();
+    ~RecorderZone();
+    RecorderZone(const RecorderZone&) = delete;
+    RecorderZone& operator=(const RecorderZone&) = delete;
+};
+
 // How long a lock held by another process is waited for.
 const int kLockWaitMs = 10000;
 

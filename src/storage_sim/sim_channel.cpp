@@ -200,7 +200,12 @@ int make_hour_folder_full_path(char* out, const char* fsu_folder, stream_info in
     if (time_ms % 1000 < 0) --seconds;  // floor division
     time_t t = static_cast<time_t>(seconds);
     struct tm local;
-    if (localtime_r(&t, &local) == nullptr) {
+    bool converted;
+    {
+        sim::RecorderZone zone;
+        converted = localtime_r(&t, &local) != nullptr;
+    }
+    if (!converted) {
         out[0] = '\0';
         return -1;
     }

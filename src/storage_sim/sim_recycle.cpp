@@ -336,6 +336,7 @@ int engine_recycle(const char* engine, const char* volumes_sql,
     if (binding.bound) {
         std::vector<VolumeFolder> volumes = bound_volumes(volumes_sql, uuid);
         Recycling r{from_ms, to_ms, listed_spans(info, from_ms, to_ms), 0};
+        RecorderZone zone;
         // Nothing goes when the database could not be read.
         bool ok = !call.failed() && !sid.empty() && id_chars(sid, "-_");
         if (ok) {

@@ -101,6 +101,7 @@ int ChannelConfiguration::get_recording_days(int record_type, int value,
     Call call;
     std::set<Day> found;
     if (days != nullptr) {
+        RecorderZone zone;
         Stmt rows(
             "SELECT start_ms, storage_id FROM periods WHERE channel_id = ?1 AND record_type = ?2 "
             "ORDER BY rowid");

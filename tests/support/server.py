@@ -33,6 +33,7 @@ class Server:
         for name, f in [("uuid", uuid), ("sid", sid), ("sto", storage_id), ("ms", local_ms)]:
             self.db.create_function(name, 1, f, deterministic=True)
         self.exec(open(os.environ["KELVO_SCHEMA"]).read())
+        self.exec("INSERT INTO settings VALUES ('timezone', '%s')" % tz)  # the recorder's zone
 
     def close(self):
         self.db.close()
