@@ -3,7 +3,7 @@
 import os, subprocess, sys, traceback
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "support"))
-from server import Server, local_ms, sid, uuid
+from server import Server, local_ms, sid, storage_id, uuid
 
 NOW = 1710504000  # 2024-03-15 12:00 UTC
 QUIET = lambda out: (out, b"", 0)
@@ -89,6 +89,38 @@ def old_rows_and_server_sizes_are_never_written_back(s):
     assert rows() == before
 
 
+def recorder_zone_rules_the_folders_whatever_the_callers_zone(_):
+    """The recorder writes in UTC+3. Callers 1 and 10 hours east and west of it (or a zone row the C library
+    cannot use) recycle, recover and count days exactly as a caller in its zone; kelvo prints the caller's time."""
+    results, hours = [], []
+    for caller, row, hour in [("Etc/GMT-3", "Etc/GMT-3", "10"), ("Etc/GMT-4", "Etc/GMT-3", "11"), ("Etc/GMT-2", "Etc/GMT-3", "09"),
+                              ("Etc/GMT-13", "Etc/GMT-3", "20"), ("Etc/GMT+7", "Etc/GMT-3", "00"), ("Etc/GMT-3", "No/Zone", "10")]:
+        for command in (["volclean", "0"], ["autoclean"]):
+            with Server("Etc/GMT-3") as s:
+                s.exec("""UPDATE settings SET value = '%s'; INSERT INTO spaces VALUES (uuid(1), 'Main', uuid(101), 0, 0, 0, 0);
+                    INSERT INTO volumes VALUES (uuid(11), uuid(101), '{root}/share/Vol1', 1, 0, 0, 1000, 0, '');
+                    INSERT INTO channels VALUES (0, sid(1));
+                    INSERT INTO profiles VALUES (0, sid(1), uuid(1), uuid(101), uuid(11), sto(1));
+                    INSERT INTO periods VALUES (0, 4, 1, ms('2024-03-10 07:00:00'), ms('2024-03-10 08:00:00'), sto(1), 'a', 1),
+                        (0, 4, 2, ms('2024-03-11 10:00:00'), ms('2024-03-11 10:30:00'), NULL, 'b', 1);""" % row)
+                fsu = s.fsu_folder("share/Vol1", uuid(11))
+                s.make_dir(fsu + "/preallocate")
+                for stream, t in [(1, "03-10 06"), (1, "03-10 07"), (1, "03-01 05"), (2, "03-11 09"), (2, "03-11 10")]:
+                    s.make_dir(s.hour_folder(fsu, sid(1), 4, stream, local_ms("2024-%s:00:00" % t)))
+                env = ["TZ=" + caller, "ORN_LOG_FILE=storage.db.log"]  # not in the tree
+                runs = [s.run(args, env, NOW) for args in (command, ["recoverid", "0"], ["spaceinfo", "Main"])]
+                assert [r[1:] for r in runs] == [(b"", 0)] * 3, (caller, runs)
+                log = open(s.db_path + ".log").read() if os.path.exists(s.db_path + ".log") else ""
+                assert log == ("timezone 'No/Zone' is not usable; local times follow TZ\n" * 3 if row == "No/Zone" else ""), log
+                results.append((command, s.tree(), s.query("SELECT period_key, storage_id FROM periods"), runs[0][0], runs[2][0]))
+                hours.append(b"[2024-3-11 %s:00:00]" % hour.encode() in runs[1][0])
+    want = results[:2]
+    assert [i for i, r in enumerate(results) if r != want[i % 2]] == [], (want, results)
+    assert all(hours) and want[0][2] == "a|%s\nb|%s\n" % (storage_id(1), storage_id(1)), hours
+    hours_left = lambda tree: [q for q in (p.partition(sid(1))[2] for p in tree) if q.count("/") == 5]
+    assert hours_left(want[0][1]) == hours_left(want[1][1]) == ["/4/1/20240310/07/", "/4/2/20240311/10/"], want
+
+
 def database_with_other_columns_is_no_server(_):
     for column in ["spaces RENAME spare_status", "volumes RENAME label", "channels RENAME sid", "periods RENAME size_mb",
                    "faults RENAME result", "profiles RENAME storage_id", "volume_channels RENAME sid",
@@ -100,7 +132,8 @@ def database_with_other_columns_is_no_server(_):
 
 failed = 0
 for test in [damaged_database_fails_each_query_logs_it_and_recycles_nothing, old_rows_and_server_sizes_are_never_written_back,
-             recycling_keeps_listed_hours_and_stays_in_its_stream_folder, database_with_other_columns_is_no_server]:
+             recycling_keeps_listed_hours_and_stays_in_its_stream_folder, database_with_other_columns_is_no_server,
+             recorder_zone_rules_the_folders_whatever_the_callers_zone]:
     with server() as s:
         try:
             note = test(s)
