@@ -44,8 +44,8 @@ kelvo, report = os.environ["KELVO"], os.environ["KELVO_REPORT"]
 server = Server()
 atexit.register(server.close)
 server.exec(SERVER + "UPDATE volumes SET path = '{root}/' || path")
-for volume_uuid, path in server.db.execute("SELECT uuid, path FROM volumes WHERE volume_no != 4"):
-    server.make_dir(server.fsu_folder(path, volume_uuid) + "/preallocate")
+for volume_uuid, path, no in server.db.execute("SELECT uuid, path, volume_no FROM volumes WHERE volume_no != 4"):
+    server.make_dir(server.fsu_folder(path, volume_uuid) + "/preallocate" + ("/sub" if no == 1 else ""))  # du: sub first
     open(server.fsu_folder(path, volume_uuid) + "/preallocate/fill", "w").write("x" * (3 << 20))
 os.chdir(server.root)
 os.environ.update(ORN_STORAGE_DB=server.db_path, LD_PRELOAD=FAKETIME, FAKETIME="2024-03-20 10:30:00",
@@ -74,6 +74,23 @@ assert sql("SELECT count(*) FROM call_log WHERE op = 'query_time_periods'") == [
 seen = json.dumps(rep, separators=(",", ":"))  # the fixture reaches every kind of figure
 assert all(s in seen for s in '"leak":true "leak":false "lost_mb":null "space":null "critical" "warning" '
            '"query_failed":true "whole_window":false "null_storage_ids":2'.split()), seen
+assert [(v["preallocate_remain_mb"], v["preallocate_total_mb"]) for v in volumes] == [(0, 3), (3, 3), (3, 3), (None, None), (3, 3)]
+# A du missing, printing no number, or hanging (killed after --du-timeout) measures nothing; no message reaches stderr.
+stubs = server.db_path + ".bin"  # beside the database, out of the server's tree
+os.mkdir(stubs)
+for stub, why, autoclean in [(None, "failed", "Volume [%s/v/share/Spare1] path does not exist\nVolume space leak detected count: 0\n"
+                              "recycle check process done.\n" % server.root), ("echo du: oops >&2; echo total", "printed no number", None),
+                             ("echo $$ >%s/pid; exec /bin/sleep 30" % stubs, "was killed after the time limit", None)]:
+    if stub:
+        open(stubs + "/du", "w").write("#!/bin/sh\n%s\n" % stub)
+        os.chmod(stubs + "/du", 0o755)
+    env = {"PATH": stubs}
+    got = json.loads(out("--du-timeout=0.3", binary=report, env=env))
+    assert [(v["preallocate_remain_mb"], v["preallocate_total_mb"], v["lost_mb"], v["leak"]) for v in got["volumes"]] == [(None,) * 3 + (False,)] * 5
+    assert [p["subject"] for p in got["problems"] if p["text"] == "not measured: du " + why] == \
+        ["volume " + v["name"] for v in volumes if v["preallocate_remain_mb"] is not None], got["problems"]
+    assert autoclean is None or out("autoclean", env=env) == autoclean
+assert not os.path.exists("/proc/" + open(stubs + "/pid").read().strip())
 for v in json.loads(out("--no-du", binary=report))["volumes"]:
     assert (v["preallocate_remain_mb"], v["lost_mb"], v["leak"]) == (None, None, False), v
 ch = lambda c: "ch%02d" % (c["channel_id"] + 1)
@@ -111,7 +128,7 @@ want = {"report_success": {(): 1}, "volume_leak": {labels(volume=v["name"]): v["
 for f, k in [("size", "total_mb"), ("used", "used_mb")]:
     want["space_%s_bytes" % f] = {labels(space=s["name"]): s[k] * MB for s in spaces}
     want["volume_%s_bytes" % f] = {labels(space=v["space"] or "", volume=v["name"]): v[k] * MB for v in volumes}
-for k in ["preallocate_remain_mb", "lost_mb"]:
+for k in ["preallocate_remain_mb", "preallocate_total_mb", "lost_mb"]:
     want["volume_" + k[:-2] + "bytes"] = {labels(volume=v["name"]): v[k] * MB for v in volumes if v[k] is not None}
 want["channel_null_storage_ids"] = {labels(channel=ch(c)): c["null_storage_ids"] for c in channels}
 want["channel_recording_days"] = {labels(channel=ch(c), record_type=t, space=r["space"]): len(r["days"][t])

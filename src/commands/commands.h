@@ -90,6 +90,22 @@ int recycle_bound(const std::list<time_period>& periods, int64_t from_ms, int64_
 // measure_volume_usage without its messages: 0, or why it measured nothing.
 enum UsageFailure { kUsageNoFolder = -1, kUsageNoDu = -2 };
 int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_mb);
+// What one run of du printed about a folder.
+struct DuReading {
+    bool printed = false;    // at least one line
+    int64_t first_kib = 0;   // the first line's number, 0 when it has none (autoclean's reading)
+    int64_t total_kib = 0;   // the last line's: the folder's own total
+    bool numbers = false;    // both lines begin with a number
+    bool succeeded = false;  // du exited with status 0 in time
+    bool timed_out = false;  // killed after the time limit
+};
+// Runs du on |folder| without a shell, its standard error discarded; with
+// |timeout_ms| > 0 kills it when that has passed. False when it could not
+// be started at all.
+bool run_du(const char* folder, int timeout_ms, DuReading& reading);
+// The volume's preallocate folder entered (chdir) and measured with run_du:
+// 0, kUsageNoFolder or kUsageNoDu.
+int read_preallocate(const TVolumeInfo& volume, int timeout_ms, DuReading& reading);
 // autoclean's rule: the volume leaks when what is neither used nor
 // preallocated exceeds 5% of its size.
 bool volume_leaks(int64_t total_mb, int64_t preallocate_remain_mb, int64_t used_mb,

@@ -1,12 +1,19 @@
 // Recycling: volclean, autoclean, the recycle bound and volume usage.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <list>
 #include <memory>
+#include <string>
 
 #include "commands.h"
 #include "recycle.h"
@@ -55,26 +62,51 @@ void walk_recycle_bounds(const TChannelStorageSetting& entry, int64_t from_ms, V
     });
 }
 
-// Writes "du " and |folder| quoted for the shell into |command|, so that the
-// folder reaches du as one argument whatever it contains. False when it does
-// not fit.
-bool compose_du_command(const char* folder, char* command, size_t size) {
-    size_t n = 0;
-    auto put = [&](const char* text) {
-        size_t len = std::strlen(text);
-        if (n + len >= size) return false;
-        std::memcpy(command + n, text, len);
-        n += len;
-        return true;
-    };
-    if (!put("du '")) return false;
-    for (const char* c = folder; *c != '\0'; ++c) {
-        char one[2] = {*c, '\0'};
-        if (!put(*c == '\'' ? "'\\''" : one)) return false;
+// The lines of du's output that matter: the first (autoclean's reading) and
+// the last (the folder's own total), each kept up to 126 characters.
+struct DuLines {
+    std::string first, last, current;
+    bool any = false;
+    void feed(const char* data, size_t size) {
+        for (size_t i = 0; i < size; ++i) {
+            if (data[i] != '\n') {
+                if (current.size() < 126) current += data[i];
+                continue;
+            }
+            end_line();
+        }
     }
-    if (!put("'")) return false;
-    command[n] = '\0';
-    return true;
+    void end_line() {
+        if (!any) first = current;
+        last = current;
+        any = true;
+        current.clear();
+    }
+};
+
+// The leading decimal number of a line in KiB, as strtol reads it; false
+// when the line does not begin (after blanks) with a digit.
+bool leading_kib(const std::string& line, int64_t& kib) {
+    kib = strtoll(line.c_str(), nullptr, 10);
+    size_t digit = line.find_first_not_of(" \t");
+    return digit != std::string::npos && line[digit] >= '0' && line[digit] <= '9';
+}
+
+// Waits for |pid|; when |limited|, kills it once |deadline| has passed.
+int reap(pid_t pid, bool limited, std::chrono::steady_clock::time_point deadline, bool& killed) {
+    int status = 0;
+    for (;;) {
+        pid_t r = waitpid(pid, &status, limited && !killed ? WNOHANG : 0);
+        if (r == pid) return status;
+        if (r < 0 && errno != EINTR) return -1;
+        if (r != 0) continue;
+        if (std::chrono::steady_clock::now() < deadline) {
+            usleep(2000);
+            continue;
+        }
+        kill(pid, SIGKILL);
+        killed = true;
+    }
 }
 
 void print_missing_volume(const VolumePath& path) {
@@ -159,7 +191,62 @@ void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id) 
     }
 }
 
-int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_mb) {
+bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
+    int out[2];
+    if (pipe2(out, O_CLOEXEC) != 0) return false;
+    pid_t pid = fork();
+    if (pid < 0) {
+        close(out[0]);
+        close(out[1]);
+        return false;
+    }
+    if (pid == 0) {
+        // The folder is one argument whatever it holds; du's complaints are
+        // never ours to print.
+        int null = open("/dev/null", O_WRONLY);
+        if (dup2(out[1], STDOUT_FILENO) >= 0 && null >= 0 && dup2(null, STDERR_FILENO) >= 0)
+            execlp("du", "du", folder, static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(out[1]);
+    const bool limited = timeout_ms > 0;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    DuLines lines;
+    bool killed = false;
+    char buffer[4096];
+    for (;;) {
+        if (limited) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            struct pollfd ready = {out[0], POLLIN, 0};
+            int r = left.count() > 0 ? poll(&ready, 1, static_cast<int>(left.count())) : 0;
+            if (r < 0 && errno == EINTR) continue;
+            if (r == 0) {  // out of time
+                kill(pid, SIGKILL);
+                killed = true;
+                break;
+            }
+        }
+        ssize_t n = read(out[0], buffer, sizeof(buffer));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        lines.feed(buffer, static_cast<size_t>(n));
+    }
+    close(out[0]);
+    int status = reap(pid, limited, deadline, killed);
+    if (!lines.current.empty()) lines.end_line();
+
+    reading = DuReading();
+    reading.printed = lines.any;
+    bool first_number = leading_kib(lines.first, reading.first_kib);
+    bool total_number = leading_kib(lines.last, reading.total_kib);
+    reading.numbers = lines.any && first_number && total_number;
+    reading.timed_out = killed;
+    reading.succeeded = !killed && status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return true;
+}
+
+int read_preallocate(const TVolumeInfo& volume, int timeout_ms, DuReading& reading) {
     // Neither the folder path nor the command "du <folder>" may be cut to fit
     // its 256-byte buffer: a path that does not fit is reported like one that
     // cannot be entered, before the working directory changes.
@@ -168,19 +255,14 @@ int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_m
     const size_t kCommandSize = 256;
     if (n < 0 || static_cast<size_t>(n) + strlen("du ") >= kCommandSize || chdir(folder) != 0)
         return kUsageNoFolder;
-    // Quoting for the shell makes the command longer than "du <folder>";
-    // every quote of the folder becomes four characters.
-    char command[kCommandSize * 4 + 8];
-    if (!compose_du_command(folder, command, sizeof(command))) return kUsageNoFolder;
-    FILE* du = popen(command, "r");
-    if (du == nullptr) return kUsageNoDu;
-    char line[128];
-    if (fgets(line, 127, du) != nullptr) {
-        long long size_kb = strtoll(line, nullptr, 10);
-        preallocate_remain_mb = size_kb / 1024;
-    }
-    pclose(du);
-    return 0;
+    return run_du(folder, timeout_ms, reading) ? 0 : kUsageNoDu;
+}
+
+int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_mb) {
+    DuReading du;
+    int result = read_preallocate(volume, 0, du);
+    if (result == 0 && du.printed) preallocate_remain_mb = du.first_kib / 1024;
+    return result;
 }
 
 int measure_volume_usage(const TVolumeInfo& volume, int64_t& preallocate_remain_mb,

@@ -62,15 +62,28 @@ int space_of_group(const Report& report, const ornsid& group) {
     return -1;
 }
 
-// autoclean's measurement and rule; du may change the working directory,
-// exactly as it does in autoclean.
-void measure(const TVolumeInfo& volume, VolumeFigures& v) {
-    int64_t remain = volume.setting.total_size_mb;
-    if (measure_preallocate(volume, remain) != 0) return;
+// autoclean's measurement and rule, with a time limit; du may change the
+// working directory, exactly as it does in autoclean. A du that fails, is
+// killed or prints no number measures nothing.
+void measure(const TVolumeInfo& volume, const Options& options, VolumeFigures& v) {
+    DuReading du;
+    double limit_ms = options.du_timeout_s * 1000;
+    int result = read_preallocate(volume,
+                                  limit_ms < 1     ? 1
+                                  : limit_ms > 2e9 ? 2000000000
+                                                   : static_cast<int>(limit_ms),
+                                  du);
+    if (result == kUsageNoFolder) v.not_measured = "no preallocate folder";
+    else if (result == kUsageNoDu) v.not_measured = "du could not be started";
+    else if (du.timed_out) v.not_measured = "du was killed after the time limit";
+    else if (!du.succeeded) v.not_measured = "du failed";
+    else if (!du.numbers) v.not_measured = "du printed no number";
+    if (!v.not_measured.empty()) return;
     v.measured = true;
-    v.preallocate_remain_mb = remain;
-    v.leak =
-        volume_leaks(volume.setting.total_size_mb, remain, volume.setting.used_size_mb, v.lost_mb);
+    v.preallocate_remain_mb = du.first_kib / 1024;
+    v.preallocate_total_mb = du.total_kib / 1024;
+    v.leak = volume_leaks(volume.setting.total_size_mb, v.preallocate_remain_mb,
+                          volume.setting.used_size_mb, v.lost_mb);
 }
 
 // Volumes with their channels (voluse's walk) and, per channel id, the
@@ -97,7 +110,7 @@ void collect_volumes(IStorageSetting* setting, IPlugPlayService* service, const 
             v.channel_ids.push_back(channel.channel_id);
             volume_of_channel[channel.channel_id] = name;
         }
-        if (options.du) measure(volume, v);
+        if (options.du) measure(volume, options, v);
         report.volumes.push_back(v);
     });
 }
@@ -241,6 +254,9 @@ void find_problems(const Options& options, Report& report) {
         check_use(options, report, "space " + s.name, s.used_mb, s.total_mb);
     for (const VolumeFigures& v : report.volumes) {
         check_use(options, report, "volume " + v.name, v.used_mb, v.total_mb);
+        if (!v.not_measured.empty())
+            add_problem(report, false, "not_measured", "volume " + v.name,
+                        "not measured: " + v.not_measured);
         if (!v.leak) continue;
         char text[160];
         snprintf(text, sizeof(text), "leaks: %lld MB lost, over 5%% of %lld MB",

@@ -45,12 +45,14 @@ json volume_json(const Report& report, const VolumeFigures& v) {
               {"total_mb", v.total_mb},
               {"used_mb", v.used_mb},
               {"preallocate_remain_mb", nullptr},
+              {"preallocate_total_mb", nullptr},
               {"lost_mb", nullptr},
               {"leak", v.leak},
               {"channel_ids", v.channel_ids}};
     if (v.space >= 0) j["space"] = report.spaces[static_cast<size_t>(v.space)].name;
     if (v.measured) {
         j["preallocate_remain_mb"] = v.preallocate_remain_mb;
+        j["preallocate_total_mb"] = v.preallocate_total_mb;
         j["lost_mb"] = v.lost_mb;
     }
     return j;

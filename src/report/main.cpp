@@ -146,6 +146,10 @@ int main(int argc, char** argv) {
         ->type_name("PERCENT");
     bool no_du = false;
     app.add_flag("--no-du", no_du, "do not measure the preallocate folders with du");
+    app.add_option("--du-timeout", options.du_timeout_s,
+                   "seconds after which du is killed and the volume not measured (60)")
+        ->check(CLI::PositiveNumber)
+        ->type_name("SECONDS");
     app.set_version_flag("--version", "kelvo-report " KELVO_VERSION);
 
     try {

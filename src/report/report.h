@@ -13,6 +13,7 @@ struct Options {
     double warn = 80;             // percent used
     double crit = 90;
     bool du = true;
+    double du_timeout_s = 60;  // du is killed after this long
 };
 
 struct SpaceFigures {
@@ -32,9 +33,11 @@ struct VolumeFigures {
     std::string state;  // vollist's text, trimmed
     int64_t total_mb = 0;
     int64_t used_mb = 0;
-    bool measured = false;  // du ran: the next two figures hold
-    int64_t preallocate_remain_mb = 0;
-    int64_t lost_mb = 0;
+    bool measured = false;              // du ran: the next three figures hold
+    int64_t preallocate_remain_mb = 0;  // du's first line, as autoclean reads it
+    int64_t preallocate_total_mb = 0;   // du's last line: the whole folder
+    int64_t lost_mb = 0;                // from the first line, as autoclean
+    std::string not_measured;           // why du gave no figures, when asked to run
     bool leak = false;
     std::vector<uint32_t> channel_ids;  // sorted, as volchn lists them
 };

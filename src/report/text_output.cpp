@@ -127,6 +127,12 @@ void write_prometheus(FILE* out, const Report& report, bool success) {
         if (v.measured)
             sample_bytes(out, "kelvo_volume_preallocate_remain_bytes",
                          Labels().add("volume", v.name), v.preallocate_remain_mb);
+    family(out, "kelvo_volume_preallocate_total_bytes",
+           "Size of the whole preallocate folder: du's total, subfolders included.");
+    for (const VolumeFigures& v : report.volumes)
+        if (v.measured)
+            sample_bytes(out, "kelvo_volume_preallocate_total_bytes",
+                         Labels().add("volume", v.name), v.preallocate_total_mb);
     family(out, "kelvo_volume_lost_bytes",
            "Size of a volume that is neither used nor preallocated.");
     for (const VolumeFigures& v : report.volumes)
