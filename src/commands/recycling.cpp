@@ -69,11 +69,8 @@ struct DuLines {
     bool any = false;
     void feed(const char* data, size_t size) {
         for (size_t i = 0; i < size; ++i) {
-            if (data[i] != '\n') {
-                if (current.size() < 126) current += data[i];
-                continue;
-            }
-            end_line();
+            if (data[i] == '\n') end_line();
+            else if (current.size() < 126) current += data[i];
         }
     }
     void end_line() {

@@ -2,6 +2,7 @@
 // and vollist's records, voluse's volume walk, autoclean's measurement and
 // leak rule, nullid's period walk (which also gives the recycle bound) and
 // spaceinfo's channel blocks. Read-only: nothing here changes the server.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -66,13 +67,11 @@ int space_of_group(const Report& report, const ornsid& group) {
 // working directory, exactly as it does in autoclean. A du that fails, is
 // killed or prints no number measures nothing.
 void measure(const TVolumeInfo& volume, const Options& options, VolumeFigures& v) {
+    // At least 1 ms: a limit of 0 would mean none.
+    const int limit_ms =
+        static_cast<int>(std::min(std::max(options.du_timeout_s * 1000, 1.0), 2e9));
     DuReading du;
-    double limit_ms = options.du_timeout_s * 1000;
-    int result = read_preallocate(volume,
-                                  limit_ms < 1     ? 1
-                                  : limit_ms > 2e9 ? 2000000000
-                                                   : static_cast<int>(limit_ms),
-                                  du);
+    int result = read_preallocate(volume, limit_ms, du);
     if (result == kUsageNoFolder) v.not_measured = "no preallocate folder";
     else if (result == kUsageNoDu) v.not_measured = "du could not be started";
     else if (du.timed_out) v.not_measured = "du was killed after the time limit";
