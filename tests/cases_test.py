@@ -9,7 +9,8 @@ one step a line, a block being the "| "-prefixed lines below its step ('#' lines
                      a folder ({a,b} alternatives as in the shell, also for gone), a file, a
                      symbolic link, a program; paths are below the root folder
   env NAME=VALUE     for the runs that follow
-  run ARGS           runs kelvo ('a b' is one argument, '' an empty one)
+  run ARGS           runs kelvo ('a b' is one argument, '' an empty one); run ARGS => LINE
+                     is run ARGS, then out LINE
   out + block        stdout of every run since the last out; stderr empty, status 0;
                      ORN_LOG_FILE is beside the database
   same + block       the runs since the last out print one output, which starts with the block
@@ -19,16 +20,17 @@ one step a line, a block being the "| "-prefixed lines below its step ('#' lines
   calls [OPS] + block   the call log (of those ops)
   log + block        what the library logged
   gone PATH          what the runs removed: everything below PATH, and nothing else
+A block's first line may follow sql, out, same or log on its line.
 In every argument and block: {root} the root folder, {uuid N} {sid N} {sto N} the identifiers of
 N, {fsu N} the FSU folder of volume uuid(N), {c*N} N times c. A failure names the case, the
 step's line, the runs it checks (number, line, command line), and shows a diff:
-  === an unknown space        FAILED: an unknown space (x.cases:1)
-  run vollist {R*3}              x.cases:3: the output of run 1 (x.cases:2: kelvo vollist {R*3})
-  out                            --- expected
-  | no space [RR] info           +++ got
-                                 @@ -1,2 +1,2 @@
-                                 -no space [RR] info
-                                 +no space [RRR] info"""
+  === an unknown space                       FAILED: an unknown space (x.cases:1)
+  run vollist {R*3} => no space [RR] info      x.cases:2: the output of run 1 (x.cases:2: kelvo vollist {R*3})
+                                               --- expected
+                                               +++ got
+                                               @@ -1,2 +1,2 @@
+                                               -no space [RR] info
+                                               +no space [RRR] info"""
 import dataclasses, difflib, os, re, sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "support"))
@@ -50,7 +52,10 @@ def load(path):
             steps += fixtures[line[4:]]
         elif line and not line.startswith("#") and steps is not None:
             keyword, _, arg = line.partition(" ")
-            steps.append(Step(number, keyword, arg, [], arg))
+            inline = keyword in ("sql", "out", "same", "log") and arg  # the block's first line
+            arg, _, out = arg.partition(" => ") if keyword == "run" else (arg, "", "")  # a run and its one-line output
+            steps.append(Step(number, keyword, "" if inline else arg, [arg] if inline else [], arg))
+            steps += [Step(number, "out", "", [out], "")] if out else []
     return cases
 
 
