@@ -36,7 +36,6 @@ import dataclasses, difflib, os, re, sys
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "support"))
 from server import Server, local_ms, uuid, sid, storage_id
 
-FIXTURE = ("sql", "dir", "file", "link", "script")
 Step = dataclasses.make_dataclass("Step", ["line", "keyword", "arg", "block", "source"])  # source: arg as written
 
 
@@ -52,6 +51,8 @@ def load(path):
             steps += fixtures[line[4:]]
         elif line and not line.startswith("#") and steps is not None:
             keyword, _, arg = line.partition(" ")
+            if keyword not in STEPS:
+                sys.exit("%s:%d: unknown keyword %s" % (path, number, keyword))
             inline = keyword in ("sql", "out", "same", "log") and arg  # the block's first line
             arg, _, out = arg.partition(" => ") if keyword == "run" else (arg, "", "")  # a run and its one-line output
             steps.append(Step(number, keyword, "" if inline else arg, [arg] if inline else [], arg))
@@ -121,19 +122,18 @@ def run(case, step):
     case.base = case.base or (case.server.dump(), case.server.tree())
     case.number += 1
     case.runs.append("%d (%s:%d: kelvo %s)" % (case.number, case.file, step.line, step.source))
-    case.pending.append((case.runs[-1],) + case.server.run(split(step.arg), case.env, case.at))
+    out, err, status = case.server.run(split(step.arg), case.env, case.at)
+    case.pending.append((case.runs[-1], out.decode(errors="surrogateescape"), err, status))
 
 
 def out(case, step):
     if not case.pending:
         case.fail(step, "out without run")
-    first = case.pending and case.pending[0][1].decode(errors="surrogateescape")
     for label, got, err, status in case.pending:
-        got = got.decode(errors="surrogateescape")
         if step.keyword == "out":
             case.check(step, "the output of run " + label, got, step.block)
         else:
-            case.check(step, "the output of run %s, unlike that of run %s" % (label, case.pending[0][0]), got, first)
+            case.check(step, "the output of run %s, unlike that of run %s" % (label, case.pending[0][0]), got, case.pending[0][1])
             case.check(step, "the start of the output of run " + label, got[:len(step.block)], step.block)
         case.check(step, "standard error and exit status of run " + label, "%r %d" % (err, status), "b'' 0")
     case.pending = []
@@ -183,11 +183,8 @@ def run_case(file, steps):
     with Server(next((step.arg for step in steps if step.keyword == "tz"), "UTC")) as server:
         case = Case(file, server, ["ORN_LOG_FILE=%s.log" % server.db_path])
         for step in steps:
-            if step.keyword in FIXTURE:
+            if step.keyword in ("sql", "dir", "file", "link", "script"):  # a fixture step
                 case.check_changes(step)
-            if step.keyword not in STEPS:
-                case.fail(step, "unknown keyword " + step.keyword)
-                continue
             block = case.text("".join(b + "\n" for b in step.block))
             STEPS[step.keyword](case, Step(step.line, step.keyword, case.text(step.arg), block, step.arg))
         if case.pending:
