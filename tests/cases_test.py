@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """cases_test.py FILE.cases: runs each case of the file on a server of its own. A case starts with
-"=== title", a named fixture with "--- name" (its steps go where a case says "use name"); then
-one step a line, a block being the "| "-prefixed lines below its step ('#' lines are comments):
+"=== title", a named fixture with "--- name" (a case's "use name" copies its steps); then one
+step a line, its block being the "| " lines below it (the first may follow sql, out, same or log
+on the step's line); '#' lines are comments.
   tz ZONE            the case's TZ (UTC otherwise)
   at Y-M-D h:m:s     kelvo's clock, local time (the real clock otherwise)
   sql + block        run on the database (SQL functions uuid(n) sid(n) sto(n) ms(local time))
@@ -9,8 +10,8 @@ one step a line, a block being the "| "-prefixed lines below its step ('#' lines
                      a folder ({a,b} alternatives as in the shell, also for gone), a file, a
                      symbolic link, a program; paths are below the root folder
   env NAME=VALUE     for the runs that follow
-  run ARGS           runs kelvo ('a b' is one argument, '' an empty one); run ARGS => LINE
-                     is run ARGS, then out LINE
+  run ARGS           runs kelvo ('a b' is one argument, '' an empty one)
+  run ARGS => LINE   the same, then out LINE
   out + block        stdout of every run since the last out; stderr empty, status 0;
                      ORN_LOG_FILE is beside the database
   same + block       the runs since the last out print one output, which starts with the block
@@ -20,10 +21,9 @@ one step a line, a block being the "| "-prefixed lines below its step ('#' lines
   calls [OPS] + block   the call log (of those ops)
   log + block        what the library logged
   gone PATH          what the runs removed: everything below PATH, and nothing else
-A block's first line may follow sql, out, same or log on its line.
-In every argument and block: {root} the root folder, {uuid N} {sid N} {sto N} the identifiers of
-N, {fsu N} the FSU folder of volume uuid(N), {c*N} N times c. A failure names the case, the
-step's line, the runs it checks (number, line, command line), and shows a diff:
+Everywhere {root} is the root folder, {uuid N} {sid N} {sto N} the identifiers of N, {fsu N} the
+FSU folder of volume uuid(N), {c*N} N times c. A failure names the case, the step's line, the
+runs it checks (number, line, command as written) and shows a diff:
   === an unknown space                       FAILED: an unknown space (x.cases:1)
   run vollist {R*3} => no space [RR] info      x.cases:2: the output of run 1 (x.cases:2: kelvo vollist {R*3})
                                                --- expected
