@@ -6,7 +6,7 @@
 set -u
 src=$1 kelvo_dir=$2
 loader=/usr/share/bash-completion/bash_completion
-[ -r "$loader" ] || { echo "SKIPPED: bash-completion is not installed"; exit 0; }
+[ -r "$loader" ] || { echo "SKIPPED: bash-completion is not installed"; exit 77; }
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 DEMO_ROOT="$tmp/demo" "$src/demo/run_demo.sh" "$kelvo_dir" >"$tmp/demo.log" 2>&1 ||
