@@ -128,6 +128,7 @@ json channel_json(const Report& report, const ChannelFigures& c) {
 
 json problem_json(const Problem& p) {
     json j = {{"severity", p.critical ? "critical" : "warning"},
+              {"kind", p.kind},
               {"subject", p.subject},
               {"text", p.text}};
     if (!p.uuid.empty()) j["uuid"] = p.uuid;
