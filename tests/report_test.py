@@ -78,7 +78,8 @@ for v in json.loads(out("--no-du", binary=report))["volumes"]:
     assert (v["preallocate_remain_mb"], v["lost_mb"], v["leak"]) == (None, None, False), v
 ch = lambda c: "ch%02d" % (c["channel_id"] + 1)
 uuid_of = {("space", s["name"]): s["uuid"] for s in spaces} | {("volume", v["name"]): v["uuid"] for v in volumes}
-assert (rep["host"], rep["timezone"], out("-V", binary=report)) == (os.uname().nodename, "UTC", "kelvo-report %s\n" % rep["kelvo_version"])
+assert (rep["host"], rep["timezone"], out("-V", binary=report)) == (
+    os.uname().nodename, "UTC", "kelvo-report %s\n" % rep["kelvo_version"])
 refs = [(x, k) for k, xs in [("space", volumes), ("space", [r for c in channels for r in c["recordings"]]),
                               ("volume", channels)] for x in xs]  # every name reference with its uuid
 assert all(uuid_of.get((k, x[k])) == x[k + "_uuid"] for x, k in refs), refs
@@ -144,11 +145,12 @@ r, problems = out("--format=check", *args, binary=report, ok=False), json.loads(
 head, *lines = r.stdout.splitlines()
 problems.sort(key=lambda p: p["severity"] != "critical")
 assert lines == ["%(severity)s: %(subject)s: %(text)s" % p for p in problems] and len({p["kind"] for p in problems}) > 3
+assert "'space Main'=50.00%;@50:94;;0;100 " in head, head
 perf = find(r"('[^']*'|\w+)=([\d.]+)%?;([^;]*);([^;]*)", head.split(" | ")[1])
 worst = max(2 if alerts(c, float(v)) else alerts(w, float(v)) for _, v, w, c in perf)
+critical = sum(p["severity"] == "critical" for p in problems)
 assert (r.returncode, head.split(" | ")[0]) == (worst, "KELVO CRITICAL - %d critical, %d warning; %s: %s" % (
-    sum(p["severity"] == "critical" for p in problems), len(problems) - sum(p["severity"] == "critical" for p in problems),
-    problems[0]["subject"], problems[0]["text"])), r
+    critical, len(problems) - critical, problems[0]["subject"], problems[0]["text"])), r
 
 assert sql("SELECT count(*) FROM call_log WHERE op IN ('set_volume_setting', 'refresh_space', "
            "'update_time_period', 'recycle_channel_data', 'CFSTier', 'CFSUnit')") == [(0,)]
@@ -190,17 +192,18 @@ for used, args, env, (status, head) in [  # per 10000 of every space, with the g
         (9001, ["-w", "99", "--min-days", "1:"], {}, (0, "KELVO OK")),
         (0, ["-w", "nan"], {}, bad("--warning")), (0, ["--warn=abc"], {}, bad("--warning")),
         (0, ["--warn=" + "9" * 300], {}, bad("--warning")), (0, ["--warning=-5"], {}, bad("--warning")),
-        (0, ["-w", "1e3"], {}, bad("--warning")), (0, ["-c", "20:10"], {}, bad("--critical")),
+        (0, ["-w", "1.5.0"], {}, bad("--warning")), (0, ["-c", "20:10"], {}, bad("--critical")),
         (0, ["-c", ":5"], {}, bad("--critical")), (0, ["--min-days=inf"], {}, bad("--min-days")),
         (0, ["-t", "0"], {}, bad("--timeout")), (0, ["--timeout=-1"], {}, bad("--timeout")),
-        (0, [], missing, (3, "KELVO UNKNOWN - ")), (0, ["--bogus"], {}, (3, "KELVO UNKNOWN - "))]:
+        (0, [], missing, (3, "KELVO UNKNOWN - "))]:
     sql("UPDATE spaces SET used_size_mb = total_size_mb * %d / 10000" % used)
     r = out("--format=check", *args, binary=report, env=env, ok=False)
     assert (r.returncode, r.stdout[:len(head)], r.stdout.count("\n"), len(r.stdout) < 500, r.stderr) == (
         status, head, 3 if status in (1, 2) else 1, True, ""), (used, args, r)  # a line per space that alerts
 for args, env, status, head, err_lines in [
         ([], missing, 1, '{"error":', 1), (["--format=prometheus"], missing, 1, "# HELP", 1),
-        (["--format=xml"], {}, 2, "", 2), (["-w", "x"], {}, 2, "", 1)]:
+        (["--format=xml"], {}, 2, "", 2), (["-w", "x"], {}, 2, "", 1),
+        (["--format", "check", "--bogus"], {}, 3, "KELVO UNKNOWN - ", 0)]:
     r = out(*args, binary=report, env=env, ok=False)
     assert (r.returncode, r.stdout[:len(head)], r.stderr.count("\n"), "\nkelvo_report_success 0\n" in r.stdout) == (
         status, head, err_lines, head == "# HELP"), r

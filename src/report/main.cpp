@@ -211,11 +211,12 @@ std::string parse_thresholds(const CLI::App& app, Options& options, double& time
                   {"--min-days", &options.min_days}};
     for (const auto& r : ranges) {
         const CLI::Option* option = app.get_option(r.name);
-        std::string text = option->count() > 0 ? option->as<std::string>() : "";
+        if (option->count() == 0) continue;
+        std::string text = option->as<std::string>();
         // A bare number of days is the minimum the option names: "N" means "N:".
-        double days = 0;
-        if (r.range == &options.min_days && parse_decimal(text, days)) text += ":";
-        if (option->count() > 0 && !parse_range(text, *r.range))
+        if (r.range == &options.min_days && text.find_first_of(":@") == std::string::npos)
+            text += ":";
+        if (!parse_range(text, *r.range))
             return option->get_name() + ": not a range (N, N:, ~:N, N:M or @N:M, N >= 0)";
     }
     const CLI::Option* timeout = app.get_option("--timeout");
