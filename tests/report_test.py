@@ -178,32 +178,28 @@ assert (open("out/r.json").read(), open("out/keep").read()) == (out(binary=repor
 
 sql("DELETE FROM volumes; DELETE FROM periods; DELETE FROM faults")
 missing = {"ORN_STORAGE_DB": "missing.db"}
-bad = lambda option: (3, "KELVO UNKNOWN - %s: not a " % option)
-for used, args, env, (status, head) in [  # per 10000 of every space, with the guidelines' examples
-        (9999, [], {}, (0, "KELVO OK - ")), (1000, ["-w", "10"], {}, (0, "KELVO OK")),
-        (1001, ["-w", "10"], {}, (1, "KELVO WARNING - ")), (999, ["--warning=10:"], {}, (1, "KELVO WARNING")),
-        (1000, ["--warn", "10:"], {}, (0, "KELVO OK")), (1001, ["-w", "~:10"], {}, (1, "KELVO WARNING")),
-        (0, ["-w", "~:10"], {}, (0, "KELVO OK")), (999, ["-w", "10:20"], {}, (1, "KELVO WARNING")),
-        (2000, ["-w", "10:20"], {}, (0, "KELVO OK")), (2001, ["-w", "10:20"], {}, (1, "KELVO WARNING")),
-        (1000, ["-w", "@10:20"], {}, (1, "KELVO WARNING")), (2000, ["-w", "@10:20"], {}, (1, "KELVO WARNING")),
-        (999, ["-w", "@10:20"], {}, (0, "KELVO OK")), (2001, ["-w", "@10:20"], {}, (0, "KELVO OK")),
-        (5000, ["--warn=50"], {}, (0, "KELVO OK")), (8500, ["-w", "80", "--crit", "90"], {}, (1, "KELVO WARNING")),
-        (9001, ["-w80", "-c90"], {}, (2, "KELVO CRITICAL - ")), (9001, ["-c", "90.5"], {}, (0, "KELVO OK")),
-        (9001, ["-w", "99", "--min-days", "1:"], {}, (0, "KELVO OK")),
-        (0, ["-w", "nan"], {}, bad("--warning")), (0, ["--warn=abc"], {}, bad("--warning")),
-        (0, ["--warn=" + "9" * 300], {}, bad("--warning")), (0, ["--warning=-5"], {}, bad("--warning")),
-        (0, ["-w", "1.5.0"], {}, bad("--warning")), (0, ["-c", "20:10"], {}, bad("--critical")),
-        (0, ["-c", ":5"], {}, bad("--critical")), (0, ["--min-days=inf"], {}, bad("--min-days")),
-        (0, ["-t", "0"], {}, bad("--timeout")), (0, ["--timeout=-1"], {}, bad("--timeout")),
-        (0, [], missing, (3, "KELVO UNKNOWN - "))]:
+for used, args, want in [  # per 10000 of every space; the status, or the option an UNKNOWN line names
+        (9999, [], 0), (1000, ["-w", "10"], 0), (1001, ["-w", "10"], 1), (999, ["--warning=10:"], 1),
+        (1000, ["--warn", "10:"], 0), (1001, ["-w", "~:10"], 1), (0, ["-w", "~:10"], 0), (999, ["-w", "10:20"], 1),
+        (2000, ["-w", "10:20"], 0), (2001, ["-w", "10:20"], 1), (1000, ["-w", "@10:20"], 1),
+        (2000, ["-w", "@10:20"], 1), (999, ["-w", "@10:20"], 0), (2001, ["-w", "@10:20"], 0), (5000, ["--warn=50"], 0),
+        (8500, ["-w", "80", "--crit", "90"], 1), (9001, ["-w80", "-c90"], 2), (9001, ["-c", "90.5"], 0),
+        (9001, ["-w", "99", "--min-days", "1:"], 0), (0, ["-w", "nan"], "--warning"),
+        (0, ["--warn=abc"], "--warning"), (0, ["--warn=" + "9" * 300], "--warning"),
+        (0, ["--warning=-5"], "--warning"), (0, ["-w", "1.5.0"], "--warning"),
+        (0, ["-c", "20:10"], "--critical"), (0, ["-c", ":5"], "--critical"), (0, ["--min-days=inf"], "--min-days"),
+        (0, ["-t", "0"], "--timeout"), (0, ["--timeout=-1"], "--timeout")]:
+    status, head = (3, "KELVO UNKNOWN - %s: not a " % want) if isinstance(want, str) else (
+        want, "KELVO %s - " % ("OK", "WARNING", "CRITICAL")[want])
     sql("UPDATE spaces SET used_size_mb = total_size_mb * %d / 10000" % used)
-    r = out("--format=check", *args, binary=report, env=env, ok=False)
+    r = out("--format=check", *args, binary=report, ok=False)
     assert (r.returncode, r.stdout[:len(head)], r.stdout.count("\n"), len(r.stdout) < 500, r.stderr) == (
         status, head, 3 if status in (1, 2) else 1, True, ""), (used, args, r)  # a line per space that alerts
 for args, env, status, head, err_lines in [
         ([], missing, 1, '{"error":', 1), (["--format=prometheus"], missing, 1, "# HELP", 1),
         (["--format=xml"], {}, 2, "", 2), (["-w", "x"], {}, 2, "", 1),
-        (["--format", "check", "--bogus"], {}, 3, "KELVO UNKNOWN - ", 0)]:
+        (["--format", "check", "--bogus"], {}, 3, "KELVO UNKNOWN - ", 0),
+        (["--format=check"], missing, 3, "KELVO UNKNOWN - ", 0)]:
     r = out(*args, binary=report, env=env, ok=False)
     assert (r.returncode, r.stdout[:len(head)], r.stderr.count("\n"), "\nkelvo_report_success 0\n" in r.stdout) == (
         status, head, err_lines, head == "# HELP"), r
