@@ -55,8 +55,8 @@ std::string time_zone() {
     return tzname[0];
 }
 
-const std::string& space_uuid(const Report& report, int space) {
-    return report.spaces[static_cast<size_t>(space)].uuid;
+const SpaceFigures& space_of(const Report& report, int space) {
+    return report.spaces[static_cast<size_t>(space)];
 }
 
 json space_json(const SpaceFigures& s) {
@@ -81,8 +81,8 @@ json volume_json(const Report& report, const VolumeFigures& v) {
               {"leak", v.leak},
               {"channel_ids", v.channel_ids}};
     if (v.space >= 0) {
-        j["space"] = report.spaces[static_cast<size_t>(v.space)].name;
-        j["space_uuid"] = space_uuid(report, v.space);
+        j["space"] = space_of(report, v.space).name;
+        j["space_uuid"] = space_of(report, v.space).uuid;
     }
     if (v.measured) {
         j["preallocate_remain_mb"] = v.preallocate_remain_mb;
@@ -102,8 +102,8 @@ json channel_json(const Report& report, const ChannelFigures& c) {
                            {"query_failed", r.query_failed}});
     json recordings = json::array();
     for (const Recordings& r : c.recordings)
-        recordings.push_back({{"space", report.spaces[static_cast<size_t>(r.space)].name},
-                              {"space_uuid", space_uuid(report, r.space)},
+        recordings.push_back({{"space", space_of(report, r.space).name},
+                              {"space_uuid", space_of(report, r.space).uuid},
                               {"size_mb", r.size_mb},
                               {"days", {{"NR", r.days[0]}, {"AR", r.days[1]}}}});
     json j = {{"channel_id", c.channel_id},
