@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """kelvo-report on a server built here, under a fixed clock: its figures agree with kelvo's commands,
 nothing changes, no writing call is made, the JSON passes its schema and the Prometheus text the client's
-parser. Then, on the same server: autoclean and volclean, --output, check's exit codes."""
+parser, the check's long output agrees with the JSON. Then, on a copy: autoclean and volclean, --output, the
+check's ranges and refused values, failures, a locked database within the timeout."""
 import atexit, json, os, re, subprocess, sys, time
 
 import jsonschema
