@@ -138,12 +138,26 @@ int main(int argc, char** argv) {
     app.add_option("--output", output,
                    "write to FILE atomically (temporary file in its folder, then rename)")
         ->type_name("FILE");
-    app.add_option("--warn", options.warn, "percent used of a space or volume that warns (80)")
-        ->check(CLI::NonNegativeNumber)
-        ->type_name("PERCENT");
-    app.add_option("--crit", options.crit, "percent used that is critical (90)")
-        ->check(CLI::NonNegativeNumber)
-        ->type_name("PERCENT");
+    CLI::Option* warn =
+        app.add_option("--warn", options.warn,
+                       "judge percent used: a space or volume this full warns (80)")
+            ->check(CLI::NonNegativeNumber)
+            ->type_name("PERCENT");
+    CLI::Option* crit =
+        app.add_option("--crit", options.crit, "judge percent used: this full is critical (90)")
+            ->check(CLI::NonNegativeNumber)
+            ->type_name("PERCENT");
+    app.add_option("--min-days", options.min_days,
+                   "a channel whose recordings go back fewer days warns")
+        ->check(CLI::Validator(
+            [](std::string& text) {
+        return !text.empty() && text.size() <= 9 &&
+                       text.find_first_not_of("0123456789") == std::string::npos
+                   ? std::string()
+                   : "a whole number of days, 0 to 999999999";
+            },
+            "N"))
+        ->type_name("N");
     bool no_du = false;
     app.add_flag("--no-du", no_du, "do not measure the preallocate folders with du");
     app.set_version_flag("--version", "kelvo-report " KELVO_VERSION);
@@ -160,6 +174,7 @@ int main(int argc, char** argv) {
         return kBadCommandLine;
     }
     options.du = !no_du;
+    options.use_thresholds = warn->count() + crit->count() > 0;
     try {
         return run(options, absolute(output));
     } catch (const std::exception& e) {
