@@ -83,6 +83,7 @@ json channel_json(const Report& report, const ChannelFigures& c) {
 
 json problem_json(const Problem& p) {
     return {{"severity", p.critical ? "critical" : "warning"},
+            {"kind", p.kind},
             {"subject", p.subject},
             {"text", p.text}};
 }
