@@ -131,7 +131,6 @@ sql("DELETE FROM volumes; DELETE FROM periods; DELETE FROM faults; UPDATE spaces
 missing = {"ORN_STORAGE_DB": "missing.db"}
 for used, args, env, status, head, err_lines in [
         (1000, ["--format=check"], {}, 0, "KELVO OK - ", 0),
-        (19000, ["--format=check"], {}, 0, "KELVO OK - ", 0),  # full is no fault unless asked
         (17000, ["--format=check", "--warn=85"], {}, 1, "KELVO WARNING - ", 0),
         (19000, ["--format", "check", "--crit=95"], {}, 2, "KELVO CRITICAL - ", 0),
         (0, ["--format=check"], missing, 3, "KELVO UNKNOWN - ", 0),
