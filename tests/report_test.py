@@ -132,7 +132,7 @@ missing = {"ORN_STORAGE_DB": "missing.db"}
 for used, args, env, status, head, err_lines in [
         (1000, ["--format=check"], {}, 0, "KELVO OK - ", 0),
         (17000, ["--format=check", "--warn=85"], {}, 1, "KELVO WARNING - ", 0),
-        (19000, ["--format", "check", "--crit=95"], {}, 2, "KELVO CRITICAL - ", 0),
+        (19000, ["--format", "check", "--warn=85", "--crit=95"], {}, 2, "KELVO CRITICAL - ", 0),
         (0, ["--format=check"], missing, 3, "KELVO UNKNOWN - ", 0),
         (0, ["--format=check", "--bogus"], {}, 3, "KELVO UNKNOWN - ", 0),
         (0, [], missing, 1, "", 1),
