@@ -116,6 +116,15 @@ bench_size() {
     run "kelvo-report" "$size" "$db" "$report" --format=json
     [[ $(grep -o '"null_storage_ids":[0-9]*' "$work/out" | awk -F: '{ n += $2 } END { print n + 0 }') == "$nulls" ]] ||
         echo "WARNING: kelvo-report counted other null storage ids than $nulls" >&2
+    # Series of the metrics file: at most 5 per channel entry beside those of spaces and volumes.
+    local entries series own
+    entries=$(grep -c '"channel_id":' "$work/out")
+    ORN_STORAGE_DB=$db "$report" --format=prometheus >"$work/metrics"
+    series=$(grep -vc '^#' "$work/metrics")
+    own=$(grep -c '^kelvo_channel_' "$work/metrics")
+    echo "metrics $size: $series series, $own of them for $entries channel entries" \
+        "($(awk -v s="$own" -v e="$entries" 'BEGIN { printf "%.2f a channel entry, at most 5: %s",
+            s / (e ? e : 1), s <= 5 * e ? "holds" : "FAILS" }'))"
     run "voluse -1" "$size" "$db" "$kelvo" voluse -1
     run "autoclean" "$size" "$db" "$kelvo" autoclean
     [[ -n ${BENCH_KEEP:-} ]] || rm -rf "$dir"

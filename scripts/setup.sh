@@ -8,10 +8,12 @@ set -eu
 # the report's checks python3-prometheus-client python3-jsonschema. The package
 # test needs dpkg-dev, file (CPack) and lintian, the manual page test
 # groff-base, man-db and bsdextrautils (col), the completion test
-# bash-completion.
+# bash-completion, the monitoring test prometheus (promtool) and
+# prometheus-node-exporter.
 packages="cmake g++ make libsqlite3-dev libcli11-dev nlohmann-json3-dev sqlite3
           libgtest-dev libgmock-dev faketime python3-prometheus-client python3-jsonschema
-          dpkg-dev file lintian groff-base man-db bsdextrautils bash-completion"
+          dpkg-dev file lintian groff-base man-db bsdextrautils bash-completion
+          prometheus prometheus-node-exporter"
 
 missing=""
 for p in $packages; do

@@ -99,6 +99,8 @@ def check(s, args):
     out, err, status = s.run(args, binary=os.environ["KELVO_REPORT"] if report else None)
     problems = [] if status in ((0, 1, 2, 3) if report else (0,)) else ["status %d" % status]
     problems += [] if re.fullmatch(b"(kelvo-report: .*\n)?" if report else b"", err) else [err]
+    series = [line.rsplit(b" ", 1)[0] for line in out.splitlines() if args == ["--format=prometheus"] and line[:1] != b"#"]
+    problems += ["series repeat"] if len(set(series)) != len(series) else []
     now = s.tree()
     problems += ["new " + p for p in now if p not in tree]
     problems += ["gone " + p for p in tree if p not in now and not (cleans and re.match(r"(.*/)?\d+/\d+/\d{8}/", p, re.S))]

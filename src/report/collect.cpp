@@ -3,6 +3,7 @@
 // leak rule, nullid's period walk (which also gives the recycle bound) and
 // spaceinfo's channel blocks. Read-only: nothing here changes the server.
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -19,6 +20,13 @@ namespace {
 
 std::string field_text(const char* field, size_t width) {
     return std::string(field, strnlen(field, width));
+}
+
+// A uuid field whole but for trailing zero bytes: unlike the text up to the
+// first zero byte, it tells every two distinct fields apart.
+std::string id_field(const char* field, size_t width) {
+    while (width > 0 && field[width - 1] == '\0') --width;
+    return std::string(field, width);
 }
 
 std::string trimmed(const char* text) {
@@ -43,7 +51,7 @@ void collect_spaces(const std::list<TSpaceInfo>& spaces, Report& report) {
     for (const TSpaceInfo& space : spaces) {
         SpaceFigures s;
         s.name = field_text(space.name, sizeof(space.name));
-        s.uuid = field_text(space.uuid.uuid, sizeof(space.uuid.uuid));
+        s.uuid = id_field(space.uuid.uuid, sizeof(space.uuid.uuid));
         s.group_uuid = std::string(space.group_uuid.uuid, sizeof(space.group_uuid.uuid));
         char status[26];
         space_status_text(space.status, space.spare_status, status);
@@ -95,7 +103,7 @@ void collect_volumes(IStorageSetting* setting, IPlugPlayService* service, const 
         const TVolumeSetting& vs = volume.setting;
         VolumeFigures v;
         v.name = name;
-        v.uuid = field_text(volume.uuid.uuid, sizeof(volume.uuid.uuid));
+        v.uuid = id_field(volume.uuid.uuid, sizeof(volume.uuid.uuid));
         v.space = space_of_group(report, vs.group_uuid);
         v.spare = vs.volume_type != 0;
         char state[20];
@@ -229,6 +237,93 @@ std::string channel_label(uint32_t channel_id) {
 
 namespace {
 
+// The start of the local day that holds |t_s|.
+int64_t local_day_start(int64_t t_s) {
+    time_t t = static_cast<time_t>(t_s);
+    struct tm day = {};
+    localtime_r(&t, &day);
+    day.tm_hour = day.tm_min = day.tm_sec = 0;
+    day.tm_isdst = -1;
+    return static_cast<int64_t>(mktime(&day));
+}
+
+}  // namespace
+
+bool oldest_day_start(const Recordings& r, int64_t& start_s) {
+    bool found = false;
+    for (const std::vector<std::string>& days : r.days)
+        for (const std::string& day : days) {
+            struct tm t = {};
+            char rest = 0;
+            if (sscanf(day.c_str(), "%4d-%2d-%2d%c", &t.tm_year, &t.tm_mon, &t.tm_mday, &rest) !=
+                    3 ||
+                t.tm_mon < 1 || t.tm_mon > 12 || t.tm_mday < 1 || t.tm_mday > 31)
+                continue;
+            t.tm_year -= 1900;
+            t.tm_mon -= 1;
+            t.tm_isdst = -1;
+            const int64_t start = static_cast<int64_t>(mktime(&t));
+            if (!found || start < start_s) start_s = start;
+            found = true;
+        }
+    return found;
+}
+
+namespace {
+
+struct Judgement {
+    const char* text;
+    int severity;
+};
+
+// Texts not listed (none today) count as critical: an unknown state is no
+// state to trust.
+int severity_of(const Judgement* table, size_t size, const std::string& text) {
+    for (size_t i = 0; i < size; ++i)
+        if (text == table[i].text) return table[i].severity;
+    return 2;
+}
+
+const Judgement kSpaceStatus[] = {
+    {"Normal", 0},
+    {"Normal(With Spare)", 0},
+    {"Allocating", 0},
+    {"Expanding", 0},
+    {"Deleting", 0},
+    {"Warning", 1},
+    {"Warning(Spare Error)", 1},
+    {"Normal(Spare Error)", 1},
+    {"Spare Enabled(With Spare)", 1},
+    {"Error", 2},
+    {"Error(Spare Error)", 2},
+    {"UNKNOW_STATUS", 2},
+};
+
+const Judgement kVolumeState[] = {
+    {"ACTIVE", 0},
+    {"STANDBY", 0},
+    {"CREAT_SHARE_FOLDERS", 0},
+    {"STANDBY_NOT_MOUNTED", 1},
+    {"VOL_OVER_THRESHOLD", 1},
+    {"REMOVING_VOLUME", 1},
+    {"", 1},
+    {"NOT_MOUNTED", 2},
+    {"UNKNOW_ERROR", 2},
+    {"UNKNOW_STATUS", 2},
+};
+
+}  // namespace
+
+int space_status_severity(const std::string& status) {
+    return severity_of(kSpaceStatus, sizeof(kSpaceStatus) / sizeof(kSpaceStatus[0]), status);
+}
+
+int volume_state_severity(const std::string& state) {
+    return severity_of(kVolumeState, sizeof(kVolumeState) / sizeof(kVolumeState[0]), state);
+}
+
+namespace {
+
 void add_problem(Report& report, bool critical, const char* kind, const std::string& subject,
                  const std::string& text, const std::string& uuid = "") {
     report.problems.push_back(Problem{critical, kind, subject, text, uuid});
@@ -250,19 +345,28 @@ void check_use(const Options& options, Report& report, const std::string& subjec
 }  // namespace
 
 void find_problems(const Options& options, Report& report) {
-    for (const SpaceFigures& s : report.spaces)
-        check_use(options, report, "space " + s.name, s.uuid, s.used_mb, s.total_mb);
+    for (const SpaceFigures& s : report.spaces) {
+        const std::string subject = "space " + s.name;
+        if (int severity = space_status_severity(s.status))
+            add_problem(report, severity == 2, "state", subject, "status " + s.status, s.uuid);
+        check_use(options, report, subject, s.uuid, s.used_mb, s.total_mb);
+    }
     for (const VolumeFigures& v : report.volumes) {
-        check_use(options, report, "volume " + v.name, v.uuid, v.used_mb, v.total_mb);
+        const std::string subject = "volume " + v.name;
+        if (int severity = volume_state_severity(v.state))
+            add_problem(report, severity == 2, "state", subject,
+                        "state " + (v.state.empty() ? std::string("(empty)") : v.state), v.uuid);
+        check_use(options, report, subject, v.uuid, v.used_mb, v.total_mb);
         if (!v.not_measured.empty())
-            add_problem(report, false, "not_measured", "volume " + v.name,
-                        "not measured: " + v.not_measured, v.uuid);
+            add_problem(report, false, "not_measured", subject, "not measured: " + v.not_measured,
+                        v.uuid);
         if (!v.leak) continue;
         char text[160];
         snprintf(text, sizeof(text), "leaks: %lld MB lost, over 5%% of %lld MB",
                  static_cast<long long>(v.lost_mb), static_cast<long long>(v.total_mb));
-        add_problem(report, true, "leak", "volume " + v.name, text, v.uuid);
+        add_problem(report, true, "leak", subject, text, v.uuid);
     }
+    const int64_t today_s = local_day_start(report.generated_s);
     for (const ChannelFigures& c : report.channels) {
         const std::string subject = "channel " + channel_label(c.channel_id);
         if (c.null_storage_ids > 0)
@@ -279,5 +383,21 @@ void find_problems(const Options& options, Report& report) {
             add_problem(report, false, "failed_queries", subject + stream,
                         "period query failed: volclean would recycle the whole window");
         }
+        if (!options.min_days.set) continue;
+        bool any = false;
+        int64_t oldest = 0, start = 0;
+        for (const Recordings& r : c.recordings)
+            if (oldest_day_start(r, start) && (!any || start < oldest)) {
+                oldest = start;
+                any = true;
+            }
+        // Calendar days back to the oldest day, today being 0; rounded, as a
+        // day with a change of summer time is not 86400 s long.
+        const double age_days = std::floor((today_s - oldest) / 86400.0 + 0.5);
+        if (!any || !options.min_days.alerts(age_days)) continue;
+        char text[128];
+        snprintf(text, sizeof(text), "recordings go back %.0f days (range %s)", age_days,
+                 options.min_days.text().c_str());
+        add_problem(report, false, "retention", subject, text);
     }
 }

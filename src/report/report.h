@@ -60,6 +60,10 @@ struct Recordings {
     std::vector<std::string> days[2];  // NR, AR
 };
 
+// Start of the earliest recording day of |r| in local time; false when it
+// holds no day that reads as a date.
+bool oldest_day_start(const Recordings& r, int64_t& start_s);
+
 struct ChannelFigures {
     uint32_t channel_id = 0;
     std::string sid;
@@ -96,6 +100,9 @@ bool collect_report(const Options& options, Report& report, std::string& error);
 void find_problems(const Options& options, Report& report);
 // Percent used as kelvo prints it; false when the size is not positive.
 bool used_percent(int64_t used_mb, int64_t total_mb, double& percent);
+// The judgement of the server's own texts: 0 fine, 1 warning, 2 critical.
+int space_status_severity(const std::string& status);
+int volume_state_severity(const std::string& state);
 // "ch01" for channel id 0.
 std::string channel_label(uint32_t channel_id);
 

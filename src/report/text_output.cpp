@@ -1,4 +1,5 @@
 // The Prometheus text form of the report.
+#include <algorithm>
 #include <cinttypes>
 #include <cstring>
 
@@ -90,13 +91,83 @@ void sample_bytes(FILE* out, const char* name, const Labels& labels, int64_t mb)
     sample(out, name, labels, mb * kBytesPerMb);
 }
 
-std::string space_name(const Report& report, int index) {
-    return index < 0 ? std::string() : report.spaces[static_cast<size_t>(index)].name;
+// A uuid as a label value: printable ASCII as it is, every other byte and '%'
+// as %XX, so that distinct fields never give equal labels.
+std::string uuid_label(const std::string& uuid) {
+    std::string out;
+    for (unsigned char c : uuid) {
+        char hex[4];
+        snprintf(hex, sizeof(hex), "%%%02X", c);
+        if (c > 0x20 && c < 0x7f && c != '%') out += static_cast<char>(c);
+        else out += hex;
+    }
+    return out;
+}
+
+Labels& space_labels(Labels& labels, const Report& report, int index) {
+    if (index < 0) return labels.add("space_uuid", "").add("space", "");
+    const SpaceFigures& s = report.spaces[static_cast<size_t>(index)];
+    return labels.add("space_uuid", uuid_label(s.uuid)).add("space", s.name);
+}
+
+Labels volume_labels(const VolumeFigures& v) {
+    return Labels().add("volume_uuid", uuid_label(v.uuid)).add("volume", v.name);
+}
+
+// Settings entries that give the same channel label make one series: the
+// largest count and size, the earliest day.
+struct ChannelSeries {
+    std::string channel;
+    int null_storage_ids = 0;
+    int failed_queries = 0;
+    struct InSpace {
+        int space = 0;
+        int64_t size_mb = 0;
+        bool has_day = false;
+        int64_t oldest_s = 0;
+    };
+    std::vector<InSpace> spaces;
+};
+
+std::vector<ChannelSeries> channel_series(const Report& report) {
+    std::vector<ChannelSeries> series;
+    for (const ChannelFigures& c : report.channels) {
+        const std::string label = channel_label(c.channel_id);
+        auto same = [&label](const ChannelSeries& s) { return s.channel == label; };
+        auto found = std::find_if(series.begin(), series.end(), same);
+        if (found == series.end()) {
+            found = series.insert(series.end(), ChannelSeries());
+            found->channel = label;
+        }
+        ChannelSeries& s = *found;
+        int failed = 0;
+        for (const RecycleFigures& r : c.recycle) failed += r.whole_window && r.query_failed;
+        s.null_storage_ids = std::max(s.null_storage_ids, c.null_storage_ids);
+        s.failed_queries = std::max(s.failed_queries, failed);
+        for (const Recordings& r : c.recordings) {
+            auto here = std::find_if(s.spaces.begin(), s.spaces.end(),
+                                     [&r](const ChannelSeries::InSpace& in) {
+                return in.space == r.space;
+            });
+            if (here == s.spaces.end()) {
+                here = s.spaces.insert(s.spaces.end(), ChannelSeries::InSpace());
+                here->space = r.space;
+            }
+            here->size_mb = std::max(here->size_mb, r.size_mb);
+            int64_t start = 0;
+            if (!oldest_day_start(r, start)) continue;
+            if (!here->has_day || start < here->oldest_s) here->oldest_s = start;
+            here->has_day = true;
+        }
+    }
+    return series;
 }
 
 }  // namespace
 
 void write_prometheus(FILE* out, const Report& report, bool success) {
+    family(out, "kelvo_build_info", "The version of kelvo-report that wrote the file.");
+    sample(out, "kelvo_build_info", Labels().add("version", KELVO_VERSION), 1);
     family(out, "kelvo_report_success", "Whether the report is complete (1) or not (0).");
     sample(out, "kelvo_report_success", Labels(), success ? 1 : 0);
     family(out, "kelvo_report_duration_seconds", "Time taken to gather the report.");
@@ -105,16 +176,31 @@ void write_prometheus(FILE* out, const Report& report, bool success) {
     sample(out, "kelvo_report_duration_seconds", Labels(), seconds);
     if (!success) return;
 
-    family(out, "kelvo_space_size_bytes", "Total size of a storage space.");
-    for (const SpaceFigures& s : report.spaces)
-        sample_bytes(out, "kelvo_space_size_bytes", Labels().add("space", s.name), s.total_mb);
-    family(out, "kelvo_space_used_bytes", "Used size of a storage space.");
-    for (const SpaceFigures& s : report.spaces)
-        sample_bytes(out, "kelvo_space_used_bytes", Labels().add("space", s.name), s.used_mb);
-
-    auto volume_labels = [&report](const VolumeFigures& v) {
-        return Labels().add("volume", v.name).add("space", space_name(report, v.space));
+    auto space = [&report](int index) {
+        Labels labels;
+        return space_labels(labels, report, index);
     };
+    const int spaces = static_cast<int>(report.spaces.size());
+    family(out, "kelvo_space_info", "A storage space with its status as spacelist shows it.");
+    for (int i = 0; i < spaces; ++i)
+        sample(out, "kelvo_space_info", space(i).add("status", report.spaces[i].status), 1);
+    family(out, "kelvo_space_size_bytes", "Total size of a storage space.");
+    for (int i = 0; i < spaces; ++i)
+        sample_bytes(out, "kelvo_space_size_bytes", space(i), report.spaces[i].total_mb);
+    family(out, "kelvo_space_used_bytes", "Used size of a storage space.");
+    for (int i = 0; i < spaces; ++i)
+        sample_bytes(out, "kelvo_space_used_bytes", space(i), report.spaces[i].used_mb);
+
+    family(out, "kelvo_volume_info",
+           "A volume with its space, type and state as vollist shows them.");
+    for (const VolumeFigures& v : report.volumes) {
+        Labels labels = volume_labels(v);
+        sample(out, "kelvo_volume_info",
+               space_labels(labels, report, v.space)
+                   .add("type", v.spare ? "spare" : "normal")
+                   .add("state", v.state),
+               1);
+    }
     family(out, "kelvo_volume_size_bytes", "Total size of a volume.");
     for (const VolumeFigures& v : report.volumes)
         sample_bytes(out, "kelvo_volume_size_bytes", volume_labels(v), v.total_mb);
@@ -125,56 +211,46 @@ void write_prometheus(FILE* out, const Report& report, bool success) {
            "Size of the volume's preallocate folder as du measures it.");
     for (const VolumeFigures& v : report.volumes)
         if (v.measured)
-            sample_bytes(out, "kelvo_volume_preallocate_remain_bytes",
-                         Labels().add("volume", v.name), v.preallocate_remain_mb);
+            sample_bytes(out, "kelvo_volume_preallocate_remain_bytes", volume_labels(v),
+                         v.preallocate_remain_mb);
     family(out, "kelvo_volume_preallocate_total_bytes",
            "Size of the whole preallocate folder: du's total, subfolders included.");
     for (const VolumeFigures& v : report.volumes)
         if (v.measured)
-            sample_bytes(out, "kelvo_volume_preallocate_total_bytes",
-                         Labels().add("volume", v.name), v.preallocate_total_mb);
+            sample_bytes(out, "kelvo_volume_preallocate_total_bytes", volume_labels(v),
+                         v.preallocate_total_mb);
     family(out, "kelvo_volume_lost_bytes",
            "Size of a volume that is neither used nor preallocated.");
     for (const VolumeFigures& v : report.volumes)
-        if (v.measured)
-            sample_bytes(out, "kelvo_volume_lost_bytes", Labels().add("volume", v.name),
-                         v.lost_mb);
+        if (v.measured) sample_bytes(out, "kelvo_volume_lost_bytes", volume_labels(v), v.lost_mb);
     family(out, "kelvo_volume_leak", "Whether the volume loses more than 5% of its size (1).");
     for (const VolumeFigures& v : report.volumes)
-        sample(out, "kelvo_volume_leak", Labels().add("volume", v.name), v.leak ? 1 : 0);
+        sample(out, "kelvo_volume_leak", volume_labels(v), v.leak ? 1 : 0);
 
+    const std::vector<ChannelSeries> channels = channel_series(report);
     family(out, "kelvo_channel_null_storage_ids",
            "Time periods of the channel whose storage id is null.");
-    for (const ChannelFigures& c : report.channels)
-        sample(out, "kelvo_channel_null_storage_ids",
-               Labels().add("channel", channel_label(c.channel_id)), c.null_storage_ids);
-    family(out, "kelvo_channel_recording_days",
-           "Days on which the channel recorded in the space, per record type.");
-    for (const ChannelFigures& c : report.channels)
-        for (const Recordings& r : c.recordings)
-            for (int t = 0; t < 2; ++t)
-                sample(out, "kelvo_channel_recording_days",
-                       Labels()
-                           .add("channel", channel_label(c.channel_id))
-                           .add("space", space_name(report, r.space))
-                           .add("record_type", t == 0 ? "NR" : "AR"),
-                       static_cast<int64_t>(r.days[t].size()));
+    for (const ChannelSeries& c : channels)
+        sample(out, "kelvo_channel_null_storage_ids", Labels().add("channel", c.channel),
+               c.null_storage_ids);
+    family(out, "kelvo_channel_failed_period_queries",
+           "Streams whose period query failed: volclean would recycle their whole window.");
+    for (const ChannelSeries& c : channels)
+        sample(out, "kelvo_channel_failed_period_queries", Labels().add("channel", c.channel),
+               c.failed_queries);
+    auto in_space = [&report](const ChannelSeries& c, const ChannelSeries::InSpace& r) {
+        Labels labels = Labels().add("channel", c.channel);
+        return space_labels(labels, report, r.space);
+    };
     family(out, "kelvo_channel_recorded_bytes", "Size of the channel's recordings in the space.");
-    for (const ChannelFigures& c : report.channels)
-        for (const Recordings& r : c.recordings)
-            sample_bytes(out, "kelvo_channel_recorded_bytes",
-                         Labels()
-                             .add("channel", channel_label(c.channel_id))
-                             .add("space", space_name(report, r.space)),
-                         r.size_mb);
-    family(out, "kelvo_channel_recycle_whole_window",
-           "Whether volclean would recycle the stream's whole last 30 days (1).");
-    for (const ChannelFigures& c : report.channels)
-        for (const RecycleFigures& r : c.recycle)
-            sample(out, "kelvo_channel_recycle_whole_window",
-                   Labels()
-                       .add("channel", channel_label(c.channel_id))
-                       .add("record_type", record_type_label(r.record_type))
-                       .add("stream", std::to_string(r.stream)),
-                   r.whole_window ? 1 : 0);
+    for (const ChannelSeries& c : channels)
+        for (const ChannelSeries::InSpace& r : c.spaces)
+            sample_bytes(out, "kelvo_channel_recorded_bytes", in_space(c, r), r.size_mb);
+    family(out, "kelvo_channel_oldest_recording_timestamp_seconds",
+           "Start of the channel's earliest recording day in the space, local time.");
+    for (const ChannelSeries& c : channels)
+        for (const ChannelSeries::InSpace& r : c.spaces)
+            if (r.has_day)
+                sample(out, "kelvo_channel_oldest_recording_timestamp_seconds", in_space(c, r),
+                       r.oldest_s);
 }
