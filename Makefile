@@ -9,11 +9,11 @@ all: build
 # Plain builds install nothing: `./scripts/setup.sh build` installs what they need.
 build:
 	cmake -S . -B $(BUILD)/normal -DCMAKE_BUILD_TYPE=RelWithDebInfo
-	cmake --build $(BUILD)/normal -j $(JOBS)
+	MAKEFLAGS= cmake --build $(BUILD)/normal -j $(JOBS)
 
 build-asan:
 	cmake -S . -B $(BUILD)/asan -DCMAKE_BUILD_TYPE=Debug -DKELVO_SANITIZE=ON
-	cmake --build $(BUILD)/asan -j $(JOBS)
+	MAKEFLAGS= cmake --build $(BUILD)/asan -j $(JOBS)
 
 # The programs the demo runs; it builds only these, quietly (the log of the
 # build is shown only when it fails), in a folder of its own: no debug
@@ -36,9 +36,11 @@ test-asan: build-asan
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 		ctest --test-dir $(BUILD)/asan --output-on-failure -j $(JOBS)
 
+# The two builds and their tests run side by side (the package tests leave
+# cores idle); each one's output is shown whole when it ends.
 test:
 	@./scripts/setup.sh test
-	@$(MAKE) --no-print-directory test-normal test-asan
+	@$(MAKE) --no-print-directory -j2 --output-sync=recurse test-normal test-asan
 
 clean:
 	rm -rf $(BUILD)
