@@ -56,8 +56,8 @@ export ORN_STORAGE_DB=$tmp/server.db
 sqlite3 "$ORN_STORAGE_DB" <"$src/src/storage_sim/schema.sql"
 sqlite3 "$ORN_STORAGE_DB" "INSERT INTO spaces VALUES ('$(printf %036d 1)', 'Recording', '$(printf %036d 2)', 1000, 500, 0, 0)"
 check "kelvo spacelist" \
-    '[ "$(kelvo spacelist | sed -n 2p)" = "[01] [Recording], total size: 0 GB, used: 500 MB, use 50.00% [Normal                   ]" ]'
-check "kelvo-report --format=check" 'kelvo-report --format=check | grep -q "^KELVO OK - 1 spaces, "'
+    '[ "$(/usr/bin/kelvo spacelist | sed -n 2p)" = "[01] [Recording], total size: 0 GB, used: 500 MB, use 50.00% [Normal                   ]" ]'
+check "kelvo-report --format=check" '/usr/bin/kelvo-report --format=check | grep -q "^KELVO OK - 1 spaces, "'
 command=$(sed -n 's/^ExecStart=//p' /lib/systemd/system/kelvo-report.service) metrics=${command##*--output=}
 check "the service's command writes the metrics file" '$command && grep -qx "kelvo_report_success 1" "$metrics"'
 touch "${metrics%/*}/.${metrics##*/}.Ab12Cd"  # left by a run that was stopped
