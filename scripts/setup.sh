@@ -1,19 +1,53 @@
 #!/bin/sh
-# Installs the Debian packages that building, testing and the demo need and
-# that are not there yet (apt-get as root, through sudo otherwise).
+# Installs the Debian packages that one purpose needs and that are missing
+# (apt-get as root, through sudo otherwise). Usage: setup.sh [build|demo|package|test]
+# (test, the default, covers the other three).
 set -eu
 
-# Build: cmake g++ make libsqlite3-dev, and for kelvo-report libcli11-dev
-# nlohmann-json3-dev; demo: sqlite3; tests: libgtest-dev libgmock-dev faketime,
-# the report's checks python3-prometheus-client python3-jsonschema. The package
-# test needs dpkg-dev, file (CPack) and lintian, the manual page test
-# groff-base, man-db and bsdextrautils (col), the completion test
-# bash-completion, the monitoring test prometheus (promtool) and
-# prometheus-node-exporter.
-packages="cmake g++ make libsqlite3-dev libcli11-dev nlohmann-json3-dev sqlite3
-          libgtest-dev libgmock-dev faketime python3-prometheus-client python3-jsonschema
-          dpkg-dev file lintian groff-base man-db bsdextrautils bash-completion
-          prometheus prometheus-node-exporter"
+# Each list holds one package per line.
+build="
+cmake
+g++
+make
+libsqlite3-dev
+libcli11-dev
+nlohmann-json3-dev
+"
+# The demo server is made with the sqlite3 shell.
+demo="
+sqlite3
+"
+# dpkg-buildpackage and what debian/control asks beyond the build.
+package="
+debhelper
+dpkg-dev
+"
+# Unit tests, fixed clocks, the report's schema and metrics parser, the
+# package's checks (lintian, file, the textfile collector's folder), the
+# monitoring test (promtool, prometheus, the node exporter), the manual pages (groff, man, col) and the completions.
+test="
+libgtest-dev
+libgmock-dev
+faketime
+python3-prometheus-client
+python3-jsonschema
+lintian
+file
+prometheus
+prometheus-node-exporter
+groff-base
+man-db
+bsdextrautils
+bash-completion
+"
+
+case "${1:-test}" in
+    build) packages=$build ;;
+    demo) packages="$build $demo" ;;
+    package) packages="$build $package" ;;
+    test) packages="$build $demo $package $test" ;;
+    *) echo "usage: $0 [build|demo|package|test]"; exit 2 ;;
+esac
 
 missing=""
 for p in $packages; do
