@@ -73,20 +73,26 @@ bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_st
 // Recycling.
 void cmd_volclean(IStorageSetting* setting, int channel_id);
 void cmd_autoclean(IStorageSetting* setting);
-int compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
-                          const int64_t& from_ms, int64_t& bound_ms);
+// What the recycle bound of one stream comes to (as a 32-bit result: 0, 1, -1).
+enum class RecycleBound : int32_t {
+    kFound = 0,        // bound: the earliest listed start in the window, minus 1
+    kWholeWindow = 1,  // nothing listed in the window: bound at the present time
+    kNoSession = -1,   // no channel session: no bound, the stream is skipped
+};
+// The bound of one stream (|alarm| 0: record type 4, else 1) from one
+// period query of its own channel session, |from_ms| to now.
+RecycleBound compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
+                                   const int64_t& from_ms, int64_t& bound_ms);
 void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id);
 int measure_volume_usage(const TVolumeInfo& volume, int64_t& preallocate_remain_mb,
                          int64_t& used_size_mb);
-// The bound from one answer: the earliest start among the periods that
-// reach |from_ms|, minus 1 (result 0); 1 without such a period, bound
-// untouched.
-int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms, int64_t& bound_ms);
 // Start of the window recycling looks back over: 30 days before |now_ms|.
 int64_t recycle_window_start_ms(int64_t now_ms);
-// bound_from_periods, with the bound set to |now_ms| when it finds nothing.
-int recycle_bound(const std::list<time_period>& periods, int64_t from_ms, int64_t now_ms,
-                  int64_t& bound_ms);
+// The one rule for the bound from a period answer: the earliest start
+// among the periods that reach |from_ms|, minus 1; without such a period
+// the whole window, up to |now_ms|.
+RecycleBound recycle_bound_from_answer(const std::list<time_period>& periods, int64_t from_ms,
+                                       int64_t now_ms, int64_t& bound_ms);
 // measure_volume_usage without its messages: 0, or why it measured nothing.
 enum UsageFailure { kUsageNoFolder = -1, kUsageNoDu = -2 };
 int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_mb);

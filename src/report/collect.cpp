@@ -140,7 +140,8 @@ public:
         r.stream = stream;
         r.from_ms = recycle_window_start_ms(now_ms_);
         r.query_failed = result != 0;
-        r.whole_window = recycle_bound(periods, r.from_ms, now_ms_, r.bound_ms) == 1;
+        r.whole_window = recycle_bound_from_answer(periods, r.from_ms, now_ms_, r.bound_ms) ==
+                         RecycleBound::kWholeWindow;
         c.recycle.push_back(r);
     }
 
