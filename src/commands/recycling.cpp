@@ -17,7 +17,6 @@
 
 #include "commands.h"
 #include "recycle.h"
-#include "shared.h"
 
 namespace {
 
@@ -113,8 +112,8 @@ RecycleBound compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t
     if (session == nullptr) return RecycleBound::kNoSession;
 
     std::list<time_period> periods;
-    session->query_time_periods(alarm == 0 ? kRecordTypeNormal : kRecordTypeAlarm,
-                                static_cast<int>(stream), from_ms, now_ms(), periods, 0, 1, 1);
+    query_periods(*session, alarm == 0 ? kRecordTypeNormal : kRecordTypeAlarm,
+                  static_cast<int>(stream), from_ms, now_ms(), periods);
     channel_factory.destroy_channel_session(&session);
     // The clock is read again: an empty answer recycles up to this moment.
     return recycle_bound_from_answer(periods, from_ms, now_ms(), bound_ms);
@@ -178,6 +177,11 @@ void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id) 
     }
 }
 
+namespace {
+
+// Runs du on |folder| without a shell, its standard error discarded; with
+// |timeout_ms| > 0 kills it when that has passed. False when it could not
+// be started at all.
 bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
     int out[2];
     if (pipe2(out, O_CLOEXEC) != 0) return false;
@@ -233,6 +237,8 @@ bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
     return true;
 }
 
+}  // namespace
+
 int read_preallocate(const TVolumeInfo& volume, int timeout_ms, DuReading& reading) {
     // Neither the folder path nor the command "du <folder>" may be cut to fit
     // its 256-byte buffer: a path that does not fit is reported like one that
@@ -245,12 +251,17 @@ int read_preallocate(const TVolumeInfo& volume, int timeout_ms, DuReading& readi
     return run_du(folder, timeout_ms, reading) ? 0 : kUsageNoDu;
 }
 
+namespace {
+
+// measure_volume_usage without its messages: 0, or why it measured nothing.
 int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_mb) {
     DuReading du;
     int result = read_preallocate(volume, 0, du);
     if (result == 0 && du.printed) preallocate_remain_mb = du.first_kib / 1024;
     return result;
 }
+
+}  // namespace
 
 int measure_volume_usage(const TVolumeInfo& volume, int64_t& preallocate_remain_mb,
                          int64_t& used_size_mb) {
