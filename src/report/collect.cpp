@@ -9,16 +9,13 @@
 #include <list>
 #include <map>
 
+#include "helpers.h"
 #include "plug_play.h"
 #include "report.h"
 #include "storage_setting.h"
 #include "walks.h"
 
 namespace {
-
-std::string field_text(const char* field, size_t width) {
-    return std::string(field, strnlen(field, width));
-}
 
 std::string trimmed(const char* text) {
     std::string s = text;
