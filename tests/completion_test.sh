@@ -53,7 +53,7 @@ Rec1 Rec2 Rec3                                         | kelvo volchn Rec
 -1 0 1 2 3 4 5 7                                       | kelvo nullid ''
 1                                                      | kelvo voluse 1
                                                        | kelvo vollist Recording ''
---crit= --format= --help --no-du --output= --version --warn= | kelvo-report ''
+--critical= --format= --help --min-days= --no-du --output= --timeout= --version --warning= | kelvo-report ''
 check json prometheus                                  | kelvo-report --format = ''
 prometheus                                             | kelvo-report --format = p
 $tmp/out/metrics.prom                                  | kelvo-report --output = $tmp/out/m

@@ -1,8 +1,9 @@
 #!/usr/bin/python3
 """kelvo-report on a server built here, under a fixed clock: its figures agree with kelvo's commands,
 nothing changes, no writing call is made, the JSON passes its schema and the Prometheus text the client's
-parser. Then, on the same server: autoclean and volclean, --output, check's exit codes."""
-import atexit, json, os, re, subprocess, sys
+parser, the check's long output agrees with the JSON. Then, on a copy: autoclean and volclean, --output, the
+check's ranges and refused values, failures, a locked database within the timeout."""
+import atexit, json, os, re, subprocess, sys, time
 
 import jsonschema
 from prometheus_client.parser import text_string_to_metric_families
@@ -94,6 +95,14 @@ assert not os.path.exists("/proc/" + open(stubs + "/pid").read().strip())
 for v in json.loads(out("--no-du", binary=report))["volumes"]:
     assert (v["preallocate_remain_mb"], v["lost_mb"], v["leak"]) == (None, None, False), v
 ch = lambda c: "ch%02d" % (c["channel_id"] + 1)
+uuid_of = {("space", s["name"]): s["uuid"] for s in spaces} | {("volume", v["name"]): v["uuid"] for v in volumes}
+assert (rep["host"], rep["timezone"], out("-V", binary=report)) == (
+    os.uname().nodename, "UTC", "kelvo-report %s\n" % rep["kelvo_version"])
+refs = [(x, k) for k, xs in [("space", volumes), ("space", [r for c in channels for r in c["recordings"]]),
+                              ("volume", channels)] for x in xs]  # every name reference with its uuid
+assert all(uuid_of.get((k, x[k])) == x[k + "_uuid"] for x, k in refs), refs
+assert all(uuid_of[tuple(p["subject"].split(" ", 1))] == p.get("uuid") for p in rep["problems"]
+           if p["subject"].split()[0] in ("space", "volume")), rep["problems"]
 
 got = find(r"^\[\d+\] \[(.*)\], total size: (-?\d+) GB, used: (-?\d+) MB, use .*% \[(.*?) *\]$", out("spacelist"))
 assert got == [(s["name"], str(s["total_mb"] // 1024), str(s["used_mb"]), s["status"]) for s in spaces], got
@@ -141,6 +150,26 @@ assert set(families) == {"kelvo_" + n for n in [*want, "report_duration_seconds"
 for name, samples in want.items():
     assert {labels(**s.labels): s.value for s in families["kelvo_" + name].samples} == samples, name
 
+
+def alerts(r, value):  # a threshold range as the monitoring-plugin guidelines define it
+    lo, _, hi = r.lstrip("@").rpartition(":")
+    inside = float("-inf" if lo == "~" else lo or 0) <= value <= float(hi or "inf")
+    return r != "" and inside == r.startswith("@")
+
+
+# The check: every problem of the JSON, worst first, and performance data whose ranges give its status.
+args = ["--warning=@50:94"]  # the leak alone is critical
+r, problems = out("--format=check", *args, binary=report, ok=False), json.loads(out(*args, binary=report))["problems"]
+head, *lines = r.stdout.splitlines()
+problems.sort(key=lambda p: p["severity"] != "critical")
+assert lines == ["%(severity)s: %(subject)s: %(text)s" % p for p in problems] and len({p["kind"] for p in problems}) > 3
+assert "'space Main'=50.00%;@50:94;;0;100 " in head, head
+perf = find(r"('[^']*'|\w+)=([\d.]+)%?;([^;]*);([^;]*)", head.split(" | ")[1])
+worst = max(2 if alerts(c, float(v)) else alerts(w, float(v)) for _, v, w, c in perf)
+critical = sum(p["severity"] == "critical" for p in problems)
+assert (r.returncode, head.split(" | ")[0]) == (worst, "KELVO CRITICAL - %d critical, %d warning; %s: %s" % (
+    critical, len(problems) - critical, problems[0]["subject"], problems[0]["text"])), r
+
 assert sql("SELECT count(*) FROM call_log WHERE op IN ('set_volume_setting', 'refresh_space', "
            "'update_time_period', 'recycle_channel_data', 'CFSTier', 'CFSUnit')") == [(0,)]
 assert state() == before
@@ -167,16 +196,35 @@ assert (open("out/r.json").read(), open("out/keep").read()) == (out(binary=repor
 
 sql("DELETE FROM volumes; DELETE FROM periods; DELETE FROM faults")
 missing = {"ORN_STORAGE_DB": "missing.db"}
-for used, args, env, status, head, err_lines in [
-        (1000, ["--format=check"], {}, 0, "KELVO OK - ", 0),
-        (17000, ["--format=check", "--warn=85"], {}, 1, "KELVO WARNING - ", 0),
-        (19000, ["--format", "check", "--crit=95"], {}, 2, "KELVO CRITICAL - ", 0),
-        (0, ["--format=check"], missing, 3, "KELVO UNKNOWN - ", 0),
-        (0, ["--format=check", "--bogus"], {}, 3, "KELVO UNKNOWN - ", 0),
-        (0, [], missing, 1, "", 1),
-        (0, ["--format=prometheus"], missing, 1, "# HELP", 1),
-        (0, ["--format=xml"], {}, 2, "", 2)]:
-    sql("UPDATE spaces SET used_size_mb = %d WHERE name = 'Cold'" % used)
+for used, args, want in [  # per 10000 of every space; the status, or the option an UNKNOWN line names
+        (9999, [], 0), (1000, ["-w", "10"], 0), (1001, ["-w", "10"], 1), (999, ["--warning=10:"], 1),
+        (1000, ["--warn", "10:"], 0), (1001, ["-w", "~:10"], 1), (0, ["-w", "~:10"], 0), (999, ["-w", "10:20"], 1),
+        (2000, ["-w", "10:20"], 0), (2001, ["-w", "10:20"], 1), (1000, ["-w", "@10:20"], 1),
+        (2000, ["-w", "@10:20"], 1), (999, ["-w", "@10:20"], 0), (2001, ["-w", "@10:20"], 0), (5000, ["--warn=50"], 0),
+        (8500, ["-w", "80", "--crit", "90"], 1), (9001, ["-w80", "-c90"], 2), (9001, ["-c", "90.5"], 0),
+        (9001, ["-w", "99", "--min-days", "1:"], 0), (0, ["-w", "nan"], "--warning"),
+        (0, ["--warn=abc"], "--warning"), (0, ["--warn=" + "9" * 300], "--warning"),
+        (0, ["--warning=-5"], "--warning"), (0, ["-w", "1.5.0"], "--warning"),
+        (0, ["-c", "20:10"], "--critical"), (0, ["-c", ":5"], "--critical"), (0, ["--min-days=inf"], "--min-days"),
+        (0, ["-t", "0"], "--timeout"), (0, ["--timeout=-1"], "--timeout")]:
+    status, head = (3, "KELVO UNKNOWN - %s: not a " % want) if isinstance(want, str) else (
+        want, "KELVO %s - " % ("OK", "WARNING", "CRITICAL")[want])
+    sql("UPDATE spaces SET used_size_mb = total_size_mb * %d / 10000" % used)
+    r = out("--format=check", *args, binary=report, ok=False)
+    assert (r.returncode, r.stdout[:len(head)], r.stdout.count("\n"), len(r.stdout) < 500, r.stderr) == (
+        status, head, 3 if status in (1, 2) else 1, True, ""), (used, args, r)  # a line per space that alerts
+for args, env, status, head, err_lines in [
+        ([], missing, 1, '{"error":', 1), (["--format=prometheus"], missing, 1, "# HELP", 1),
+        (["--format=xml"], {}, 2, "", 2), (["-w", "x"], {}, 2, "", 1),
+        (["--format", "check", "--bogus"], {}, 3, "KELVO UNKNOWN - ", 0),
+        (["--format=check"], missing, 3, "KELVO UNKNOWN - ", 0)]:
     r = out(*args, binary=report, env=env, ok=False)
-    assert (r.returncode, r.stdout.startswith(head), r.stderr.count("\n"), r.stdout.count("\n") == 1,
-            "\nkelvo_report_success 0\n" in r.stdout) == (status, True, err_lines, head[:1] == "K", head == "# HELP"), r
+    assert (r.returncode, r.stdout[:len(head)], r.stderr.count("\n"), "\nkelvo_report_success 0\n" in r.stdout) == (
+        status, head, err_lines, head == "# HELP"), r
+
+server.db.execute("BEGIN EXCLUSIVE")  # the library waits 10 s for a lock; the check gives up first
+for args, status, head in [(["--format=check", "-t", "1"], 3, "KELVO UNKNOWN - "), (["-t", "1.5"], 1, '{"error":')]:
+    start, r = time.monotonic(), out(*args, binary=report, ok=False)
+    assert (r.returncode, r.stdout[:len(head)], r.stdout.count("\n")) == (status, head, 1), r
+    assert time.monotonic() - start < float(args[-1]) + 1, args
+server.db.execute("ROLLBACK")

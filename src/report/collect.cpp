@@ -220,37 +220,38 @@ std::string channel_label(uint32_t channel_id) {
 namespace {
 
 void add_problem(Report& report, bool critical, const char* kind, const std::string& subject,
-                 const std::string& text) {
-    report.problems.push_back(Problem{critical, kind, subject, text});
+                 const std::string& text, const std::string& uuid = "") {
+    report.problems.push_back(Problem{critical, kind, subject, text, uuid});
 }
 
-void check_use(const Options& options, Report& report, const std::string& subject, int64_t used_mb,
-               int64_t total_mb) {
+void check_use(const Options& options, Report& report, const std::string& subject,
+               const std::string& uuid, int64_t used_mb, int64_t total_mb) {
     double percent = 0;
     if (!used_percent(used_mb, total_mb, percent)) return;
-    double limit = percent >= options.crit ? options.crit : options.warn;
-    if (percent < limit) return;
-    char text[128];
-    snprintf(text, sizeof(text), "used %.2f%% of %lld MB (threshold %g%%)", percent,
-             static_cast<long long>(total_mb), limit);
-    add_problem(report, percent >= options.crit, "use", subject, text);
+    const bool critical = options.critical.alerts(percent);
+    if (!critical && !options.warning.alerts(percent)) return;
+    char text[192];
+    snprintf(text, sizeof(text), "used %.2f%% of %lld MB (%s range %s)", percent,
+             static_cast<long long>(total_mb), critical ? "critical" : "warning",
+             (critical ? options.critical : options.warning).text().c_str());
+    add_problem(report, critical, "use", subject, text, uuid);
 }
 
 }  // namespace
 
 void find_problems(const Options& options, Report& report) {
     for (const SpaceFigures& s : report.spaces)
-        check_use(options, report, "space " + s.name, s.used_mb, s.total_mb);
+        check_use(options, report, "space " + s.name, s.uuid, s.used_mb, s.total_mb);
     for (const VolumeFigures& v : report.volumes) {
-        check_use(options, report, "volume " + v.name, v.used_mb, v.total_mb);
+        check_use(options, report, "volume " + v.name, v.uuid, v.used_mb, v.total_mb);
         if (!v.not_measured.empty())
             add_problem(report, false, "not_measured", "volume " + v.name,
-                        "not measured: " + v.not_measured);
+                        "not measured: " + v.not_measured, v.uuid);
         if (!v.leak) continue;
         char text[160];
         snprintf(text, sizeof(text), "leaks: %lld MB lost, over 5%% of %lld MB",
                  static_cast<long long>(v.lost_mb), static_cast<long long>(v.total_mb));
-        add_problem(report, true, "leak", "volume " + v.name, text);
+        add_problem(report, true, "leak", "volume " + v.name, text, v.uuid);
     }
     for (const ChannelFigures& c : report.channels) {
         const std::string subject = "channel " + channel_label(c.channel_id);

@@ -1,6 +1,12 @@
 // The JSON form of the report (format 1). Each element of the four arrays
 // is built and written on its own line, so memory does not follow the size
 // of the server.
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
 #include <ctime>
 
 #include <nlohmann/json.hpp>
@@ -28,6 +34,31 @@ std::string rfc3339(int64_t seconds) {
     return text;
 }
 
+std::string host_name() {
+    struct utsname name = {};
+    return uname(&name) == 0 ? name.nodename : "";
+}
+
+// The zone the local dates are in: TZ as the C library takes it, else the
+// zone /etc/localtime links to, else its abbreviation.
+std::string time_zone() {
+    const char* tz = getenv("TZ");
+    if (tz != nullptr && *tz != '\0') return tz[0] == ':' ? tz + 1 : tz;
+    char target[PATH_MAX];
+    ssize_t n = readlink("/etc/localtime", target, sizeof(target) - 1);
+    if (n > 0) {
+        std::string path(target, static_cast<size_t>(n));
+        size_t at = path.find("zoneinfo/");
+        if (at != std::string::npos) return path.substr(at + 9);
+    }
+    tzset();
+    return tzname[0];
+}
+
+const SpaceFigures& space_of(const Report& report, int space) {
+    return report.spaces[static_cast<size_t>(space)];
+}
+
 json space_json(const SpaceFigures& s) {
     return {{"name", s.name},
             {"uuid", s.uuid},
@@ -40,6 +71,7 @@ json volume_json(const Report& report, const VolumeFigures& v) {
     json j = {{"name", v.name},
               {"uuid", v.uuid},
               {"space", nullptr},
+              {"space_uuid", nullptr},
               {"type", v.spare ? "spare" : "normal"},
               {"state", v.state},
               {"total_mb", v.total_mb},
@@ -49,7 +81,10 @@ json volume_json(const Report& report, const VolumeFigures& v) {
               {"lost_mb", nullptr},
               {"leak", v.leak},
               {"channel_ids", v.channel_ids}};
-    if (v.space >= 0) j["space"] = report.spaces[static_cast<size_t>(v.space)].name;
+    if (v.space >= 0) {
+        j["space"] = space_of(report, v.space).name;
+        j["space_uuid"] = space_of(report, v.space).uuid;
+    }
     if (v.measured) {
         j["preallocate_remain_mb"] = v.preallocate_remain_mb;
         j["preallocate_total_mb"] = v.preallocate_total_mb;
@@ -69,24 +104,37 @@ json channel_json(const Report& report, const ChannelFigures& c) {
                            {"query_failed", r.query_failed}});
     json recordings = json::array();
     for (const Recordings& r : c.recordings)
-        recordings.push_back({{"space", report.spaces[static_cast<size_t>(r.space)].name},
+        recordings.push_back({{"space", space_of(report, r.space).name},
+                              {"space_uuid", space_of(report, r.space).uuid},
                               {"size_mb", r.size_mb},
                               {"days", {{"NR", r.days[0]}, {"AR", r.days[1]}}}});
     json j = {{"channel_id", c.channel_id},
               {"sid", c.sid},
               {"volume", nullptr},
+              {"volume_uuid", nullptr},
               {"null_storage_ids", c.null_storage_ids},
               {"query_failures", c.query_failures},
               {"recycle", recycle},
               {"recordings", recordings}};
-    if (c.has_volume) j["volume"] = c.volume;
+    if (c.has_volume) {
+        j["volume"] = c.volume;
+        // voluse's answer: the last volume in list order that reports the channel.
+        for (auto v = report.volumes.rbegin(); v != report.volumes.rend(); ++v)
+            if (std::binary_search(v->channel_ids.begin(), v->channel_ids.end(), c.channel_id)) {
+                j["volume_uuid"] = v->uuid;
+                break;
+            }
+    }
     return j;
 }
 
 json problem_json(const Problem& p) {
-    return {{"severity", p.critical ? "critical" : "warning"},
-            {"subject", p.subject},
-            {"text", p.text}};
+    json j = {{"severity", p.critical ? "critical" : "warning"},
+              {"kind", p.kind},
+              {"subject", p.subject},
+              {"text", p.text}};
+    if (!p.uuid.empty()) j["uuid"] = p.uuid;
+    return j;
 }
 
 template <typename Items, typename ToJson>
@@ -107,6 +155,14 @@ void put_array(FILE* out, const char* key, const Items& items, ToJson to_json, b
 void write_json(FILE* out, const Report& report) {
     fprintf(out, "{\n  \"format\": 1,\n  \"generated\": \"%s\",\n",
             rfc3339(report.generated_s).c_str());
+    const json about = {{"host", host_name()},
+                        {"kelvo_version", KELVO_VERSION},
+                        {"timezone", time_zone()}};
+    for (const auto& item : about.items()) {
+        fprintf(out, "  %s: ", json(item.key()).dump().c_str());
+        put(out, item.value());
+        fputs(",\n", out);
+    }
     put_array(out, "spaces", report.spaces, space_json, false);
     put_array(
         out, "volumes", report.volumes,
@@ -116,4 +172,9 @@ void write_json(FILE* out, const Report& report) {
         [&report](const ChannelFigures& c) { return channel_json(report, c); }, false);
     put_array(out, "problems", report.problems, problem_json, true);
     fputs("}\n", out);
+}
+
+void write_json_error(FILE* out, const std::string& error) {
+    put(out, json{{"error", error}});
+    fputs("\n", out);
 }

@@ -6,10 +6,14 @@
 
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 
 #include <CLI/CLI.hpp>
 
@@ -25,6 +29,9 @@ const int kIncomplete = 1;
 const int kBadCommandLine = 2;
 
 const char kProgram[] = "kelvo-report";
+// The check answers within this many seconds unless told otherwise.
+const double kCheckTimeout = 10;
+const double kMaxTimeout = 86400;
 
 bool wants_check(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
@@ -77,13 +84,71 @@ bool emit(const std::string& output, Write write, std::string& error) {
     return true;
 }
 
-int run(const Options& options, const std::string& output) {
+// One gathering of the report, shared with the thread that does it.
+struct Gathering {
+    std::mutex mutex;
+    std::condition_variable finished;
+    bool done = false;
+    bool complete = false;
+    Report report;
+    std::string error;
+};
+
+void gather(const Options& options, Gathering& g) {
+    Report report;
+    std::string error;
+    bool complete = false;
+    try {
+        complete = collect_report(options, report, error);
+        if (complete) find_problems(options, report);
+    } catch (const std::exception& e) {
+        error = e.what();
+    }
+    std::lock_guard<std::mutex> lock(g.mutex);
+    g.report = std::move(report);
+    g.error = error;
+    g.complete = complete;
+    g.done = true;
+    g.finished.notify_all();
+}
+
+// Gathers the report in a thread of its own, so that a library call that
+// hangs (a locked database, a slow du) cannot hold the answer past
+// |timeout_s| (0: no limit). False in |finished| when it did not finish: that thread then
+// still uses the library, and the process must end without unwinding.
+bool gather_within(const Options& options, double timeout_s, Report& report, std::string& error,
+                   bool& finished) {
+    auto g = std::make_shared<Gathering>();
+    finished = true;
+    if (timeout_s <= 0) {
+        gather(options, *g);
+    } else {
+        std::thread worker([g, options] { gather(options, *g); });
+        std::unique_lock<std::mutex> lock(g->mutex);
+        finished = g->finished.wait_for(lock, std::chrono::duration<double>(timeout_s),
+                                        [&g] { return g->done; });
+        if (!finished) {
+            worker.detach();
+            char text[64];
+            snprintf(text, sizeof(text), "no answer within the timeout of %g s", timeout_s);
+            error = text;
+            return false;
+        }
+        lock.unlock();
+        worker.join();
+    }
+    report = std::move(g->report);
+    error = g->error;
+    return g->complete;
+}
+
+int run(const Options& options, double timeout_s, const std::string& output) {
     const auto start = std::chrono::steady_clock::now();
     const bool check = options.format == "check";
     Report report;
     std::string error;
-    bool complete = collect_report(options, report, error);
-    if (complete) find_problems(options, report);
+    bool finished = true;
+    bool complete = gather_within(options, timeout_s, report, error, finished);
     report.duration_s =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
@@ -107,15 +172,51 @@ int run(const Options& options, const std::string& output) {
         if (options.format == "prometheus")
             written = emit(
                 output, [&](FILE* out) { write_prometheus(out, report, complete); }, write_error);
-        else if (complete)
+        else
             written = emit(
-                output, [&](FILE* out) { write_json(out, report); }, write_error);
+                output,
+                [&](FILE* out) {
+                if (complete) write_json(out, report);
+                else write_json_error(out, error);
+                },
+                write_error);
     }
     if (!written) {
         fprintf(stderr, "%s: %s\n", kProgram, write_error.c_str());
-        return check ? kCheckUnknown : kIncomplete;
+        status = check ? kCheckUnknown : kIncomplete;
+    }
+    if (!finished) {
+        fflush(stderr);
+        _exit(status);
     }
     return status;
+}
+
+// The values CLI11 leaves as text; an empty text when all hold, else a
+// short line naming the option refused.
+std::string parse_thresholds(const CLI::App& app, Options& options, double& timeout_s) {
+    const struct {
+        const char* name;
+        Range* range;
+    } ranges[] = {{"--warning", &options.warning},
+                  {"--critical", &options.critical},
+                  {"--min-days", &options.min_days}};
+    for (const auto& r : ranges) {
+        const CLI::Option* option = app.get_option(r.name);
+        if (option->count() == 0) continue;
+        std::string text = option->as<std::string>();
+        // A bare number of days is the minimum the option names: "N" means "N:".
+        if (r.range == &options.min_days && text.find_first_of(":@") == std::string::npos)
+            text += ":";
+        if (!parse_range(text, *r.range))
+            return option->get_name() + ": not a range (N, N:, ~:N, N:M or @N:M, N >= 0)";
+    }
+    const CLI::Option* timeout = app.get_option("--timeout");
+    timeout_s = options.format == "check" ? kCheckTimeout : 0;
+    if (timeout->count() > 0 && (!parse_decimal(timeout->as<std::string>(), timeout_s) ||
+                                 timeout_s <= 0 || timeout_s > kMaxTimeout))
+        return timeout->get_name() + ": not a number of seconds above 0, at most 86400";
+    return "";
 }
 
 }  // namespace
@@ -130,19 +231,26 @@ int main(int argc, char** argv) {
     app.add_option("--output", output,
                    "write to FILE atomically (temporary file in its folder, then rename)")
         ->type_name("FILE");
-    app.add_option("--warn", options.warn, "percent used of a space or volume that warns (80)")
-        ->check(CLI::NonNegativeNumber)
-        ->type_name("PERCENT");
-    app.add_option("--crit", options.crit, "percent used that is critical (90)")
-        ->check(CLI::NonNegativeNumber)
-        ->type_name("PERCENT");
+    // Taken as text and checked after parsing, to name the option refused.
+    app.add_option("-w,--warning,--warn")
+        ->description("range of percent used that warns")
+        ->type_name("RANGE");
+    app.add_option("-c,--critical,--crit")
+        ->description("range of percent used that is critical")
+        ->type_name("RANGE");
+    app.add_option("--min-days")
+        ->description("range of the age in days of a channel's oldest recordings")
+        ->type_name("RANGE");
+    app.add_option("-t,--timeout")
+        ->description("give up after SECONDS (check: 10)")
+        ->type_name("SECONDS");
     bool no_du = false;
     app.add_flag("--no-du", no_du, "do not measure the preallocate folders with du");
     app.add_option("--du-timeout", options.du_timeout_s,
                    "seconds after which du is killed and the volume not measured (60)")
         ->check(CLI::PositiveNumber)
         ->type_name("SECONDS");
-    app.set_version_flag("--version", "kelvo-report " KELVO_VERSION);
+    app.set_version_flag("-V,--version", "kelvo-report " KELVO_VERSION);
 
     try {
         app.parse(argc, argv);
@@ -156,9 +264,19 @@ int main(int argc, char** argv) {
         return kBadCommandLine;
     }
     options.du = !no_du;
+    double timeout_s = 0;
+    const std::string refused = parse_thresholds(app, options, timeout_s);
+    if (!refused.empty()) {
+        if (options.format == "check") {
+            write_check_unknown(stdout, refused);
+            return kCheckUnknown;
+        }
+        fprintf(stderr, "%s: %s\n", kProgram, refused.c_str());
+        return kBadCommandLine;
+    }
     try {
         // Taken from the starting folder: du changes it while the report is gathered.
-        return run(options, absolute_path(output.c_str()));
+        return run(options, timeout_s, absolute_path(output.c_str()));
     } catch (const std::exception& e) {
         if (options.format == "check") {
             write_check_unknown(stdout, e.what());

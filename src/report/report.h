@@ -8,10 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "range.h"
+
 struct Options {
     std::string format = "json";  // json, prometheus or check
-    double warn = 80;             // percent used
-    double crit = 90;
+    Range warning;                // percent used of a space or volume
+    Range critical;
+    Range min_days;  // age in days of a channel's oldest recording day
     bool du = true;
     double du_timeout_s = 60;  // du is killed after this long
 };
@@ -75,6 +78,7 @@ struct Problem {
     std::string kind;
     std::string subject;
     std::string text;
+    std::string uuid;  // of the space or volume the subject names
 };
 
 struct Report {
@@ -100,6 +104,8 @@ std::string channel_label(uint32_t channel_id);
 std::string valid_utf8(const std::string& in);
 
 void write_json(FILE* out, const Report& report);
+// The JSON answer of a report that could not be gathered.
+void write_json_error(FILE* out, const std::string& error);
 void write_prometheus(FILE* out, const Report& report, bool success);
 // Returns the exit status of the check (0 OK, 1 WARNING, 2 CRITICAL).
 int write_check(FILE* out, const Options& options, const Report& report);
