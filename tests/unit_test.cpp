@@ -45,9 +45,9 @@ TEST(Library, LockIsWaitedForThenFailsTheQuery) {
     COrnStorage storage;  // opens the database
     IStorageSetting* setting = nullptr;
     storage.create_storage_setting(&setting);
-    COrnChannel channels;
+    COrnChannel channel_factory;
     IFrameChannelSession* session = nullptr;
-    ASSERT_EQ(channels.create_channel_session(channel_sid(), &session), 0);
+    ASSERT_EQ(channel_factory.create_channel_session(channel_sid(), &session), 0);
     std::list<time_period> periods;
     exec("BEGIN EXCLUSIVE");
     std::thread release([&] { sleep(1), exec("COMMIT"); });
@@ -57,7 +57,7 @@ TEST(Library, LockIsWaitedForThenFailsTheQuery) {
     exec("BEGIN EXCLUSIVE");
     EXPECT_EQ(session->query_time_periods(4, 1, 0, LLONG_MAX, periods, 0, 1, 1), -1);
     exec("COMMIT");
-    channels.destroy_channel_session(&session);
+    channel_factory.destroy_channel_session(&session);
     storage.destroy_storage_setting(&setting);
     sqlite3_close(db);
     std::filesystem::remove_all(folder);

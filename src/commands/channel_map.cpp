@@ -4,7 +4,6 @@
 #include <list>
 
 #include "commands.h"
-#include "shared.h"
 
 namespace {
 
@@ -17,12 +16,12 @@ void walk_volume_channels(IStorageSetting* setting, IPlugPlayService* service,
     std::list<TVolumeInfo> volumes;
     setting->get_volume_list(volumes);
     TVolumeConfig config;
-    ornsid a, b;
+    ornsid a, b;  // the service's two ornsid arguments: left at their defaults, never read back
     std::list<channel_sid> channels;
     for (const TVolumeInfo& volume : volumes) {
         char name[128];
         volume_display_name(volume, name);
-        config.field_1092 = 0;
+        config.field_1092 = 0;  // with volume_no: the volume is named by its number alone
         config.volume_no = volume.setting.config.volume_no;
         channels.clear();
         service->get_volume_channel_list(config, a, b, channels);
@@ -60,7 +59,7 @@ void cmd_voluse(IStorageSetting* setting, IPlugPlayService* service, int channel
 
 void cmd_volchn(IStorageSetting* setting, IPlugPlayService* service, const char* volume_name) {
     TVolumeConfig config;
-    ornsid a, b;
+    ornsid a, b;  // as in walk_volume_channels
     std::list<channel_sid> channels;
     if (find_volume_no(setting, volume_name, config) != 0) {
         printf("Cannot fine volume [%s]\n", volume_name);

@@ -1,28 +1,31 @@
-// Command handlers and the helpers they share.
+// kelvo's commands: the handlers main dispatches to, the look-ups they
+// share, and the small helpers of the command files.
+//
+// Every text kelvo prints, the misspelled ones included ("faiure", "Cannot
+// fine", "resonable", "UNKNOW_STATUS"), stays exactly as it is, byte for
+// byte: administrators' scripts match on these texts.
 #ifndef KELVO_COMMANDS_COMMANDS_H
 #define KELVO_COMMANDS_COMMANDS_H
 
 #include <cstdint>
-#include <functional>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <list>
 
 #include "channel.h"
-#include "channel_config.h"
 #include "plug_play.h"
 #include "storage_setting.h"
+#include "walks.h"
 
 // Spaces and volumes.
 void cmd_spacelist(IStorageSetting* setting);
 void cmd_vollist(IStorageSetting* setting, const char* space_name);
 void cmd_volset(IStorageSetting* setting, const char* volume_name, int volume_type,
                 uint32_t volume_state);
-void space_status_text(uint32_t status, int32_t spare_status, char out[26]);
-void volume_state_text(int32_t state, char out[20]);
 // Copies the rest of |path| after its first "share/" into |name| (128
 // bytes, cut to 127 characters); leaves |name| untouched without "share/".
 void strip_share_prefix(const char* path, char name[128]);
-// The name vollist shows: the path rest after "share/", else "VolName_<no>".
-void volume_display_name(const TVolumeInfo& volume, char name[128]);
 // "NORMAL" for type 0, "SPARE " for any other.
 const char* volume_type_text(uint32_t volume_type);
 // The first space of |spaces|, fetched here, whose name is |space_name|
@@ -35,14 +38,6 @@ int find_volume_no(IStorageSetting* setting, const char* volume_name, TVolumeCon
 // Channel mapping.
 void cmd_voluse(IStorageSetting* setting, IPlugPlayService* service, int channel_id);
 void cmd_volchn(IStorageSetting* setting, IPlugPlayService* service, const char* volume_name);
-// Every volume in list order with its display name and the channels the
-// service reports on it (voluse).
-using VolumeChannelsVisit = std::function<void(const TVolumeInfo& volume, const char (&name)[128],
-                                               const std::list<channel_sid>& channels)>;
-void walk_volume_channels(IStorageSetting* setting, IPlugPlayService* service,
-                          const VolumeChannelsVisit& visit);
-// By channel id, stable (volchn's order).
-void sort_channels(std::list<channel_sid>& channels);
 
 // Storage ids.
 void cmd_nullid(IStorageSetting* setting, int channel_id);
@@ -50,81 +45,86 @@ void cmd_recoverid(IStorageSetting* setting, int channel_id);
 void time_to_text(int64_t seconds, char out[256]);
 int probe_period_location(IStorageSetting& setting, const stream_info& info, int64_t time_ms,
                           storage_location& out);
-inline bool is_null_storage_id(const time_period& period) { return period.storage_id[0] == '\0'; }
-// What the period walk hands out, channel entry by channel entry.
-class PeriodVisitor {
-public:
-    // Each selected entry with a channel, before its answers; without a
-    // session the entry has no answers.
-    virtual void channel(const TChannelStorageSetting& entry, bool has_session) = 0;
-    // One query (0 to now_ms) and its periods in the library's order; record
-    // type 4 then 1, streams first_stream to 4 in each.
-    virtual void answer(const TChannelStorageSetting& entry, int record_type, int stream,
-                        int result, std::list<time_period>& periods) = 0;
-
-protected:
-    ~PeriodVisitor() = default;
-};
-// One channel session per selected entry (-1: all), one query per record
-// type and stream. False when the library lists no channel slot at all.
-bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_stream,
-                          int64_t now_ms, PeriodVisitor& visitor);
 
 // Recycling.
 void cmd_volclean(IStorageSetting* setting, int channel_id);
 void cmd_autoclean(IStorageSetting* setting);
-int compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
-                          const int64_t& from_ms, int64_t& bound_ms);
+// The bound of one stream (|alarm| 0: record type 4, else 1) from one
+// period query of its own channel session, |from_ms| to now.
+RecycleBound compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
+                                   const int64_t& from_ms, int64_t& bound_ms);
 void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id);
 int measure_volume_usage(const TVolumeInfo& volume, int64_t& preallocate_remain_mb,
                          int64_t& used_size_mb);
-// The bound from one answer: the earliest start among the periods that
-// reach |from_ms|, minus 1 (result 0); 1 without such a period, bound
-// untouched.
-int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms, int64_t& bound_ms);
-// Start of the window recycling looks back over: 30 days before |now_ms|.
-int64_t recycle_window_start_ms(int64_t now_ms);
-// bound_from_periods, with the bound set to |now_ms| when it finds nothing.
-int recycle_bound(const std::list<time_period>& periods, int64_t from_ms, int64_t now_ms,
-                  int64_t& bound_ms);
-// measure_volume_usage without its messages: 0, or why it measured nothing.
-enum UsageFailure { kUsageNoFolder = -1, kUsageNoDu = -2 };
-int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_mb);
-// What one run of du printed about a folder.
-struct DuReading {
-    bool printed = false;    // at least one line
-    int64_t first_kib = 0;   // the first line's number, 0 when it has none (autoclean's reading)
-    int64_t total_kib = 0;   // the last line's: the folder's own total
-    bool numbers = false;    // both lines begin with a number
-    bool succeeded = false;  // du exited with status 0 in time
-    bool timed_out = false;  // killed after the time limit
-};
-// Runs du on |folder| without a shell, its standard error discarded; with
-// |timeout_ms| > 0 kills it when that has passed. False when it could not
-// be started at all.
-bool run_du(const char* folder, int timeout_ms, DuReading& reading);
-// The volume's preallocate folder entered (chdir) and measured with run_du:
-// 0, kUsageNoFolder or kUsageNoDu.
-int read_preallocate(const TVolumeInfo& volume, int timeout_ms, DuReading& reading);
-// autoclean's rule: the volume leaks when what is neither used nor
-// preallocated exceeds 5% of its size.
-bool volume_leaks(int64_t total_mb, int64_t preallocate_remain_mb, int64_t used_mb,
-                  int64_t& lost_mb);
 
 // Statistics.
 void cmd_spaceinfo(IStorageSetting* setting, const char* space_name);
-// One channel block of a space's profiles, as spaceinfo shows it.
-struct SpaceChannel {
+
+// The periods of one stream from |from_ms| to |to_ms|. The library's three
+// trailing flags are undocumented: always 0, 1, 1, whose answers are known.
+inline int query_periods(IFrameChannelSession& session, int record_type, int stream,
+                         int64_t from_ms, int64_t to_ms, std::list<time_period>& periods) {
+    return session.query_time_periods(record_type, stream, from_ms, to_ms, periods, 0, 1, 1);
+}
+
+// A sid of 32 '9' characters marks a slot without a channel.
+inline bool is_empty_slot(const char sid[32]) {
+    for (int i = 0; i < 32; ++i)
+        if (sid[i] != '9') return false;
+    return true;
+}
+
+// Whether a settings entry is selected by a channel argument (-1: all).
+inline bool channel_selected(int channel_id, uint32_t entry_channel_id) {
+    return channel_id == -1 || static_cast<uint32_t>(channel_id) == entry_channel_id;
+}
+
+// The settings entries the channel walks visit: a channel, selected.
+inline bool entry_selected(const TChannelStorageSetting& entry, int channel_id) {
+    return !is_empty_slot(entry.sid) && channel_selected(channel_id, entry.channel_id);
+}
+
+inline channel_sid make_channel_sid(uint32_t channel_id, const char sid[32]) {
     channel_sid channel;
-    const std::list<TStorageId>* storage_ids;
-    int config_result;       // of create_channel_configuration
-    bool configured;         // result 0 and a configuration: the days are filled
-    TRecordDayList days[2];  // record type 4, then 1; freed after the visit
+    channel.channel_id = channel_id;
+    std::memcpy(channel.sid, sid, sizeof(channel.sid));
+    return channel;
+}
+
+// Names one stream of a channel; every other byte is zero.
+inline stream_info make_stream_info(uint32_t channel_id, const char sid[32], uint32_t stream,
+                                    uint32_t record_type) {
+    stream_info info;
+    info.channel_id = channel_id;
+    std::memcpy(info.sid, sid, sizeof(info.sid));
+    info.stream = stream;
+    info.record_type = record_type;
+    return info;
+}
+
+inline bool same_uuid(const ornsid& id, const ornsid& other) {
+    return std::memcmp(id.uuid, other.uuid, sizeof(id.uuid)) == 0;
+}
+
+// A volume's path as a terminated text, even when it fills its whole field.
+struct VolumePath {
+    char text[sizeof(TVolumeConfig::path) + 1];
+    explicit VolumePath(const TVolumeInfo& volume) {
+        const char* field = volume.setting.config.path;
+        size_t n = strnlen(field, sizeof(TVolumeConfig::path));
+        std::memcpy(text, field, n);
+        text[n] = '\0';
+    }
 };
-// Walks the channel blocks of the space's storage-id profiles; after each
-// block's configuration is released, |visit| gets it. Stops, false, at a
-// channel without a configuration.
-bool walk_space_channels(IStorageSetting* setting, const ornsid& space_id,
-                         const std::function<void(const SpaceChannel&)>& visit);
+
+// The volume's folder "<path>/FSU_<uuid bytes 4 to 35>" followed by |rest|,
+// written by snprintf into |out|; snprintf's result.
+inline int format_fsu_folder(char* out, size_t size, const TVolumeInfo& volume, const char* rest) {
+    return snprintf(out, size, "%s/FSU_%.32s%s", VolumePath(volume).text, volume.uuid.uuid + 4,
+                    rest);
+}
+
+// The present time at the library boundary, in milliseconds.
+inline int64_t now_ms() { return static_cast<int64_t>(time(nullptr)) * 1000; }
 
 #endif

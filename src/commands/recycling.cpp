@@ -17,7 +17,6 @@
 
 #include "commands.h"
 #include "recycle.h"
-#include "shared.h"
 
 namespace {
 
@@ -32,34 +31,6 @@ void recycle_with_engine(const ornsid& target, stream_info info, int64_t from_ms
     if (engine->init(ornsid(target.uuid)) != 0) printf("%s", init_failure);
     else engine->recycle_channel_data(info, from_ms, bound_ms);
     engine->uninit();
-}
-
-// The bound of one stream from its own channel session: -1 without a
-// session, else as bound_from_periods, the present time when unbound.
-int query_recycle_bound(const channel_sid& channel, int record_type, int stream, int64_t from_ms,
-                        int64_t& bound_ms) {
-    COrnChannel factory;
-    IFrameChannelSession* session = nullptr;
-    factory.create_channel_session(make_channel_sid(channel.channel_id, channel.sid), &session);
-    if (session == nullptr) return -1;
-
-    std::list<time_period> periods;
-    session->query_time_periods(record_type, stream, from_ms, now_ms(), periods, 0, 1, 1);
-    factory.destroy_channel_session(&session);
-
-    return recycle_bound(periods, from_ms, now_ms(), bound_ms);
-}
-
-// The bound of every stream of one channel entry, in the walk order,
-// handed to |visit| with the stream it names.
-template <typename Visit>
-void walk_recycle_bounds(const TChannelStorageSetting& entry, int64_t from_ms, Visit visit) {
-    const channel_sid channel = make_channel_sid(entry.channel_id, entry.sid);
-    for_each_record_stream(kRecycleFirstStream, [&](int record_type, int stream) {
-        int64_t bound_ms = 0;
-        int r = query_recycle_bound(channel, record_type, stream, from_ms, bound_ms);
-        visit(make_stream_info(entry.channel_id, entry.sid, stream, record_type), r, bound_ms);
-    });
 }
 
 // The lines of du's output that matter: the first (autoclean's reading) and
@@ -112,7 +83,8 @@ void print_missing_volume(const VolumePath& path) {
 
 }  // namespace
 
-int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms, int64_t& bound_ms) {
+RecycleBound recycle_bound_from_answer(const std::list<time_period>& periods, int64_t from_ms,
+                                       int64_t now_ms, int64_t& bound_ms) {
     bool found = false;
     int64_t earliest = 0;
     for (const time_period& period : periods) {
@@ -120,25 +92,31 @@ int bound_from_periods(const std::list<time_period>& periods, int64_t from_ms, i
         if (!found || period.start_ms < earliest) earliest = period.start_ms;
         found = true;
     }
-    if (!found) return 1;
+    if (!found) {
+        bound_ms = now_ms;
+        return RecycleBound::kWholeWindow;
+    }
     // The oldest possible start leaves nothing before it to recycle.
     bound_ms = earliest == INT64_MIN ? earliest : earliest - 1;
-    return 0;
+    return RecycleBound::kFound;
 }
 
 int64_t recycle_window_start_ms(int64_t now_ms) { return now_ms - kRecycleWindowSeconds * 1000; }
 
-int recycle_bound(const std::list<time_period>& periods, int64_t from_ms, int64_t now_ms,
-                  int64_t& bound_ms) {
-    int result = bound_from_periods(periods, from_ms, bound_ms);
-    if (result == 1) bound_ms = now_ms;
-    return result;
-}
+RecycleBound compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
+                                   const int64_t& from_ms, int64_t& bound_ms) {
+    COrnChannel channel_factory;
+    IFrameChannelSession* session = nullptr;
+    channel_factory.create_channel_session(make_channel_sid(channel.channel_id, channel.sid),
+                                           &session);
+    if (session == nullptr) return RecycleBound::kNoSession;
 
-int compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
-                          const int64_t& from_ms, int64_t& bound_ms) {
-    return query_recycle_bound(channel, alarm == 0 ? kRecordTypeNormal : kRecordTypeAlarm,
-                               static_cast<int>(stream), from_ms, bound_ms);
+    std::list<time_period> periods;
+    query_periods(*session, alarm == 0 ? kRecordTypeNormal : kRecordTypeAlarm,
+                  static_cast<int>(stream), from_ms, now_ms(), periods);
+    channel_factory.destroy_channel_session(&session);
+    // The clock is read again: an empty answer recycles up to this moment.
+    return recycle_bound_from_answer(periods, from_ms, now_ms(), bound_ms);
 }
 
 void cmd_volclean(IStorageSetting* setting, int channel_id) {
@@ -155,14 +133,19 @@ void cmd_volclean(IStorageSetting* setting, int channel_id) {
     for (const TChannelStorageSetting& entry : channels) {
         if (!entry_selected(entry, channel_id)) continue;
         printf("Recycle --ch%02d-- data ...\n", shown_channel(entry.channel_id));
-        walk_recycle_bounds(entry, from_ms, [&](const stream_info& info, int r, int64_t bound_ms) {
-            if (r == -1) return;
+        for_each_record_stream(kRecycleFirstStream, [&](int record_type, int stream) {
+            int64_t bound_ms = 0;
+            RecycleBound r =
+                compute_recycle_bound(make_channel_sid(entry.channel_id, entry.sid),
+                                      record_type != kRecordTypeNormal, stream, from_ms, bound_ms);
+            if (r == RecycleBound::kNoSession) return;
+            const stream_info info =
+                make_stream_info(entry.channel_id, entry.sid, stream, record_type);
             for (const TSpaceInfo& space : spaces)
                 recycle_with_engine<CFSTier>(space.uuid, info, from_ms, bound_ms,
                                              "Initial Tier to process failure.\n");
-            printf("\t[%s S%02d] %s\n", record_type_label(info.record_type),
-                   static_cast<int>(info.stream),
-                   r == 0 ? "Success." : "Can not find time period.");
+            printf("\t[%s S%02d] %s\n", record_type_label(record_type), stream,
+                   r == RecycleBound::kFound ? "Success." : "Can not find time period.");
         });
     }
     printf("Recycle process done.\n");
@@ -180,14 +163,25 @@ void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id) 
     for (const TChannelStorageSetting& entry : channels) {
         if (!entry_selected(entry, channel_id)) continue;
         // Only a stream with a listed period has data the database no longer knows.
-        walk_recycle_bounds(entry, from_ms, [&](const stream_info& info, int r, int64_t bound_ms) {
-            if (r != 0) return;
-            recycle_with_engine<CFSUnit>(volume.uuid, info, from_ms, bound_ms,
-                                         "Initial Unit to process failure.\n");
+        for_each_record_stream(kRecycleFirstStream, [&](int record_type, int stream) {
+            int64_t bound_ms = 0;
+            if (compute_recycle_bound(make_channel_sid(entry.channel_id, entry.sid),
+                                      record_type != kRecordTypeNormal, stream, from_ms,
+                                      bound_ms) != RecycleBound::kFound)
+                return;
+            recycle_with_engine<CFSUnit>(volume.uuid,
+                                         make_stream_info(entry.channel_id, entry.sid, stream,
+                                                          record_type),
+                                         from_ms, bound_ms, "Initial Unit to process failure.\n");
         });
     }
 }
 
+namespace {
+
+// Runs du on |folder| without a shell, its standard error discarded; with
+// |timeout_ms| > 0 kills it when that has passed. False when it could not
+// be started at all.
 bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
     int out[2];
     if (pipe2(out, O_CLOEXEC) != 0) return false;
@@ -243,6 +237,8 @@ bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
     return true;
 }
 
+}  // namespace
+
 int read_preallocate(const TVolumeInfo& volume, int timeout_ms, DuReading& reading) {
     // Neither the folder path nor the command "du <folder>" may be cut to fit
     // its 256-byte buffer: a path that does not fit is reported like one that
@@ -255,12 +251,17 @@ int read_preallocate(const TVolumeInfo& volume, int timeout_ms, DuReading& readi
     return run_du(folder, timeout_ms, reading) ? 0 : kUsageNoDu;
 }
 
+namespace {
+
+// measure_volume_usage without its messages: 0, or why it measured nothing.
 int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_mb) {
     DuReading du;
     int result = read_preallocate(volume, 0, du);
     if (result == 0 && du.printed) preallocate_remain_mb = du.first_kib / 1024;
     return result;
 }
+
+}  // namespace
 
 int measure_volume_usage(const TVolumeInfo& volume, int64_t& preallocate_remain_mb,
                          int64_t& used_size_mb) {

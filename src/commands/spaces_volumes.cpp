@@ -5,7 +5,6 @@
 #include <list>
 
 #include "commands.h"
-#include "shared.h"
 
 namespace {
 
@@ -180,7 +179,7 @@ int find_volume_uuid(IStorageSetting* setting, const char* volume_name, char uui
 }
 
 int find_volume_no(IStorageSetting* setting, const char* volume_name, TVolumeConfig& config) {
-    config.field_1092 = 0;
+    config.field_1092 = 0;  // with volume_no: the volume is named by its number alone
     TVolumeInfo volume;
     if (find_volume(setting, volume_name, volume) != 0) return -1;
     config.volume_no = volume.setting.config.volume_no;

@@ -8,7 +8,6 @@
 #include "channel_config.h"
 #include "commands.h"
 #include "log.h"
-#include "shared.h"
 
 namespace {
 
@@ -58,7 +57,7 @@ int64_t add_mb(int64_t a, int64_t b) {
 }  // namespace
 
 bool walk_space_channels(IStorageSetting* setting, const ornsid& space_id,
-                         const std::function<void(const SpaceChannel&)>& visit) {
+                         const SpaceChannelVisit& visit) {
     std::list<TStoreIDProfile> profiles;
     setting->get_storage_id_profile_list(space_id, profiles);
 

@@ -5,10 +5,10 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <functional>
 #include <list>
 
 #include "commands.h"
-#include "shared.h"
 
 namespace {
 
@@ -69,17 +69,24 @@ void print_header_once(bool& header, uint32_t channel_id) {
 // reverse order: periods, channel factory, settings.
 struct ChannelWalk {
     std::list<TChannelStorageSetting> settings;
-    COrnChannel channels;
+    COrnChannel channel_factory;
     std::list<time_period> periods;
 };
 
-// nullid's and recoverid's view of the walk: a failure line per failed
-// query, then each null period of an answer by start.
-class NullPeriods : public PeriodVisitor {
-public:
-    void channel(const TChannelStorageSetting&, bool) override { header_ = true; }
-    void answer(const TChannelStorageSetting& entry, int record_type, int stream, int result,
-                std::list<time_period>& periods) override {
+// Each null period of a channel, by start; |header| is true until the
+// channel's first period line has printed the channel's header.
+using NullPeriodVisit = std::function<void(const TChannelStorageSetting& entry, int record_type,
+                                           time_period& period, bool& header)>;
+
+// nullid's and recoverid's view of the period walk: a failure line per
+// failed query, then each null period of an answer by start.
+bool walk_null_periods(IStorageSetting* setting, int channel_id, const NullPeriodVisit& visit) {
+    bool header = true;
+    return walk_channel_periods(
+        setting, channel_id, kStorageIdFirstStream, now_ms(),
+        [&header](const TChannelStorageSetting&, bool) { header = true; },
+        [&](const TChannelStorageSetting& entry, int record_type, int stream, int result,
+            std::list<time_period>& periods) {
         if (result != 0) {
             printf("ch%.2d [%s S%.2d] retrieve time period fail\n",
                    shown_channel(entry.channel_id), record_type_label(record_type), stream);
@@ -87,17 +94,9 @@ public:
         }
         periods.sort(starts_before);  // stable: equal starts keep the library's order
         for (time_period& period : periods)
-            if (is_null_storage_id(period)) null_period(entry, record_type, period, header_);
-    }
-    virtual void null_period(const TChannelStorageSetting& entry, int record_type,
-                             time_period& period, bool& header) = 0;
-
-protected:
-    ~NullPeriods() = default;
-
-private:
-    bool header_ = true;
-};
+            if (is_null_storage_id(period)) visit(entry, record_type, period, header);
+        });
+}
 
 struct PeriodTexts {
     char start[256];
@@ -205,62 +204,58 @@ int probe_period_location(IStorageSetting& setting, const stream_info& info, int
 }
 
 bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_stream,
-                          int64_t now_ms, PeriodVisitor& visitor) {
+                          int64_t now_ms, const ChannelVisit& channel,
+                          const PeriodAnswerVisit& answer) {
     ChannelWalk walk;
     setting->get_channel_setting_list(walk.settings, 1);
     if (walk.settings.empty()) return false;
     for (const TChannelStorageSetting& entry : walk.settings) {
         if (!entry_selected(entry, channel_id)) continue;
         IFrameChannelSession* session = nullptr;
-        walk.channels.create_channel_session(make_channel_sid(entry.channel_id, entry.sid),
-                                             &session);
+        walk.channel_factory.create_channel_session(make_channel_sid(entry.channel_id, entry.sid),
+                                                    &session);
         // Without a session the channel has nothing to show.
-        visitor.channel(entry, session != nullptr);
+        channel(entry, session != nullptr);
         if (session != nullptr) {
             for_each_record_stream(first_stream, [&](int record_type, int stream) {
-                int result = session->query_time_periods(record_type, stream, 0, now_ms,
-                                                         walk.periods, 0, 1, 1);
-                visitor.answer(entry, record_type, stream, result, walk.periods);
+                int result = query_periods(*session, record_type, stream, 0, now_ms, walk.periods);
+                answer(entry, record_type, stream, result, walk.periods);
             });
         }
-        walk.channels.destroy_channel_session(&session);
+        walk.channel_factory.destroy_channel_session(&session);
     }
     return true;
 }
 
 void cmd_nullid(IStorageSetting* setting, int channel_id) {
-    struct Lister : NullPeriods {
-        int count = 0;
-        void null_period(const TChannelStorageSetting& entry, int record_type, time_period& period,
-                         bool& header) override {
-            PeriodTexts texts = period_texts(period);
-            print_header_once(header, entry.channel_id);
-            print_period_start(record_type, period, texts.start, texts.end);
-            printf("\n");
-            ++count;
-        }
-    } lister;
-    if (!walk_channel_periods(setting, channel_id, kStorageIdFirstStream, now_ms(), lister)) {
+    int count = 0;
+    bool listed = walk_null_periods(setting, channel_id,
+                                    [&count](const TChannelStorageSetting& entry, int record_type,
+                                             time_period& period, bool& header) {
+        PeriodTexts texts = period_texts(period);
+        print_header_once(header, entry.channel_id);
+        print_period_start(record_type, period, texts.start, texts.end);
+        printf("\n");
+        ++count;
+    });
+    if (!listed) {
         printf("No channel found.\n");
         return;
     }
-    printf("\nTotal have [%d] time period data has null storage id.\n", lister.count);
+    printf("\nTotal have [%d] time period data has null storage id.\n", count);
 }
 
 void cmd_recoverid(IStorageSetting* setting, int channel_id) {
-    struct Recoverer : NullPeriods {
-        IStorageSetting* setting;
-        Recovery recovery;
-        explicit Recoverer(IStorageSetting* s) : setting(s) {}
-        void null_period(const TChannelStorageSetting& entry, int record_type, time_period& period,
-                         bool& header) override {
-            recover_period(setting, recovery, entry, record_type, period, header);
-        }
-    } recoverer(setting);
-    if (!walk_channel_periods(setting, channel_id, kStorageIdFirstStream, now_ms(), recoverer)) {
+    Recovery recovery;
+    bool listed = walk_null_periods(setting, channel_id,
+                                    [&](const TChannelStorageSetting& entry, int record_type,
+                                        time_period& period, bool& header) {
+        recover_period(setting, recovery, entry, record_type, period, header);
+    });
+    if (!listed) {
         printf("No channel found.\n");
         return;
     }
     printf("\nTotal have [%d] time period data has null storage id, [%d] recover success.\n",
-           recoverer.recovery.null_count, recoverer.recovery.success_count);
+           recovery.null_count, recovery.success_count);
 }

@@ -12,10 +12,11 @@
 
 namespace {
 
-// What one run holds. The storage and daemon objects live for the whole run;
-// the setting from its creation to its release; the service only around the
-// handlers that need it.
-struct Session {
+// One run of a command: its command line and the library objects it works
+// with, held by reference (main owns them). The storage and daemon objects
+// live for the whole run; the setting from its creation to its release; the
+// service only around the handlers that need it.
+struct Invocation {
     COrnStorage& storage;
     COrnStorageDaemon& daemon;
     IStorageSetting* setting;
@@ -25,73 +26,73 @@ struct Session {
     char name[512];
 };
 
-[[noreturn]] void release_and_usage(Session& s) {
-    s.storage.destroy_storage_setting(&s.setting);
+[[noreturn]] void release_and_usage(Invocation& run) {
+    run.storage.destroy_storage_setting(&run.setting);
     print_usage();
 }
 
 int parse_number(const char* text) { return static_cast<int>(strtol(text, nullptr, 10)); }
 
 // Name arguments keep at most 511 characters and are always terminated.
-void copy_name(Session& s) { strncpy(s.name, s.argv[2], sizeof(s.name) - 1); }
+void copy_name(Invocation& run) { strncpy(run.name, run.argv[2], sizeof(run.name) - 1); }
 
 // Runs |handler| with the plug-and-play service, released right after it.
 template <typename Handler>
-void with_service(Session& s, Handler handler) {
-    s.daemon.create_plug_play_service(&s.service);
-    if (s.service == nullptr) {
+void with_service(Invocation& run, Handler handler) {
+    run.daemon.create_plug_play_service(&run.service);
+    if (run.service == nullptr) {
         printf("Query plug and play service failure.\n");
         return;
     }
     handler();
-    s.daemon.destroy_plug_play_service(&s.service);
+    run.daemon.destroy_plug_play_service(&run.service);
 }
 
-void run_spacelist(Session& s) { cmd_spacelist(s.setting); }
+void run_spacelist(Invocation& run) { cmd_spacelist(run.setting); }
 
-void run_vollist(Session& s) {
-    copy_name(s);
-    cmd_vollist(s.setting, s.name);
+void run_vollist(Invocation& run) {
+    copy_name(run);
+    cmd_vollist(run.setting, run.name);
 }
 
-void run_volset(Session& s) {
-    int volume_type = parse_number(s.argv[3]);
-    int volume_state = parse_number(s.argv[4]);
+void run_volset(Invocation& run) {
+    int volume_type = parse_number(run.argv[3]);
+    int volume_state = parse_number(run.argv[4]);
     if (static_cast<uint32_t>(volume_type) > 1 || static_cast<uint32_t>(volume_state) > 1)
-        release_and_usage(s);
-    copy_name(s);
-    cmd_volset(s.setting, s.name, volume_type, static_cast<uint32_t>(volume_state));
+        release_and_usage(run);
+    copy_name(run);
+    cmd_volset(run.setting, run.name, volume_type, static_cast<uint32_t>(volume_state));
 }
 
-void run_volchn(Session& s) {
-    with_service(s, [&s] {
-        copy_name(s);
-        cmd_volchn(s.setting, s.service, s.name);
+void run_volchn(Invocation& run) {
+    with_service(run, [&run] {
+        copy_name(run);
+        cmd_volchn(run.setting, run.service, run.name);
     });
 }
 
-void run_voluse(Session& s) {
-    int channel_id = parse_number(s.argv[2]);
-    with_service(s, [&s, channel_id] { cmd_voluse(s.setting, s.service, channel_id); });
+void run_voluse(Invocation& run) {
+    int channel_id = parse_number(run.argv[2]);
+    with_service(run, [&run, channel_id] { cmd_voluse(run.setting, run.service, channel_id); });
 }
 
-void run_volclean(Session& s) { cmd_volclean(s.setting, parse_number(s.argv[2])); }
+void run_volclean(Invocation& run) { cmd_volclean(run.setting, parse_number(run.argv[2])); }
 
-void run_autoclean(Session& s) { cmd_autoclean(s.setting); }
+void run_autoclean(Invocation& run) { cmd_autoclean(run.setting); }
 
-void run_nullid(Session& s) { cmd_nullid(s.setting, parse_number(s.argv[2])); }
+void run_nullid(Invocation& run) { cmd_nullid(run.setting, parse_number(run.argv[2])); }
 
-void run_recoverid(Session& s) { cmd_recoverid(s.setting, parse_number(s.argv[2])); }
+void run_recoverid(Invocation& run) { cmd_recoverid(run.setting, parse_number(run.argv[2])); }
 
-void run_spaceinfo(Session& s) {
-    copy_name(s);
-    cmd_spaceinfo(s.setting, s.name);
+void run_spaceinfo(Invocation& run) {
+    copy_name(run);
+    cmd_spaceinfo(run.setting, run.name);
 }
 
 struct cmd_struct {
     const char* cmd;
     int argc;  // the argument count the command needs; 0 takes any of 2, 3, 5
-    void (*fn)(Session&);
+    void (*fn)(Invocation&);
 };
 
 const cmd_struct commands[] = {
@@ -112,25 +113,25 @@ const cmd_struct* find_command(const char* word) {
 int main(int argc, char** argv) {
     COrnStorage storage;
     COrnStorageDaemon daemon;
-    Session s{storage, daemon, nullptr, nullptr, argc, argv, {}};
+    Invocation run{storage, daemon, nullptr, nullptr, argc, argv, {}};
 
     if (argc != 2 && argc != 3 && argc != 5) print_usage();
 
     // A word that does not fit the buffer names no command.
     char command[128] = {};
     if (strlen(argv[1]) < sizeof(command)) strcpy(command, argv[1]);
-    memset(s.name, 0, sizeof(s.name));
+    memset(run.name, 0, sizeof(run.name));
 
-    storage.create_storage_setting(&s.setting);
-    if (s.setting == nullptr) {
+    storage.create_storage_setting(&run.setting);
+    if (run.setting == nullptr) {
         printf("Query storage settings faiure.\n");
         return 0;
     }
 
     const cmd_struct* c = find_command(command);
-    if (c == nullptr || (c->argc != 0 && c->argc != argc)) release_and_usage(s);
-    c->fn(s);
+    if (c == nullptr || (c->argc != 0 && c->argc != argc)) release_and_usage(run);
+    c->fn(run);
 
-    storage.destroy_storage_setting(&s.setting);
+    storage.destroy_storage_setting(&run.setting);
     return 0;
 }

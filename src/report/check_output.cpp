@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "report.h"
-#include "shared.h"
+#include "walks.h"
 
 namespace {
 

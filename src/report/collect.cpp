@@ -10,17 +10,13 @@
 #include <list>
 #include <map>
 
-#include "commands.h"
+#include "helpers.h"
 #include "plug_play.h"
 #include "report.h"
-#include "shared.h"
 #include "storage_setting.h"
+#include "walks.h"
 
 namespace {
-
-std::string field_text(const char* field, size_t width) {
-    return std::string(field, strnlen(field, width));
-}
 
 // A uuid field whole but for trailing zero bytes: unlike the text up to the
 // first zero byte, it tells every two distinct fields apart.
@@ -36,12 +32,12 @@ std::string trimmed(const char* text) {
 }
 
 // Library objects of one run, released in reverse order of creation.
-struct Session {
+struct Library {
     COrnStorage storage;
     COrnStorageDaemon daemon;
     IStorageSetting* setting = nullptr;
     IPlugPlayService* service = nullptr;
-    ~Session() {
+    ~Library() {
         if (service != nullptr) daemon.destroy_plug_play_service(&service);
         if (setting != nullptr) storage.destroy_storage_setting(&setting);
     }
@@ -124,20 +120,18 @@ void collect_volumes(IStorageSetting* setting, IPlugPlayService* service, const 
 
 // One channel per settings entry; each query of the period walk serves both
 // the null-id count (streams 1 to 4, as nullid) and the recycle bound.
-class ChannelCollector : public PeriodVisitor {
-public:
-    ChannelCollector(Report& report, int64_t now_ms) : report_(report), now_ms_(now_ms) {}
-
-    void channel(const TChannelStorageSetting& entry, bool) override {
+void collect_channels(IStorageSetting* setting, int64_t now_ms, Report& report) {
+    walk_channel_periods(
+        setting, -1, kRecycleFirstStream, now_ms,
+        [&report](const TChannelStorageSetting& entry, bool) {
         ChannelFigures c;
         c.channel_id = entry.channel_id;
         c.sid = field_text(entry.sid, sizeof(entry.sid));
-        report_.channels.push_back(c);
-    }
-
-    void answer(const TChannelStorageSetting&, int record_type, int stream, int result,
-                std::list<time_period>& periods) override {
-        ChannelFigures& c = report_.channels.back();
+        report.channels.push_back(c);
+        },
+        [&report, now_ms](const TChannelStorageSetting&, int record_type, int stream, int result,
+                          std::list<time_period>& periods) {
+        ChannelFigures& c = report.channels.back();
         if (stream >= kStorageIdFirstStream) {
             if (result != 0) ++c.query_failures;
             for (const time_period& period : periods)
@@ -146,16 +140,13 @@ public:
         RecycleFigures r;
         r.record_type = record_type;
         r.stream = stream;
-        r.from_ms = recycle_window_start_ms(now_ms_);
+        r.from_ms = recycle_window_start_ms(now_ms);
         r.query_failed = result != 0;
-        r.whole_window = recycle_bound(periods, r.from_ms, now_ms_, r.bound_ms) == 1;
+        r.whole_window = recycle_bound_from_answer(periods, r.from_ms, now_ms, r.bound_ms) ==
+                         RecycleBound::kWholeWindow;
         c.recycle.push_back(r);
-    }
-
-private:
-    Report& report_;
-    int64_t now_ms_;
-};
+    });
+}
 
 // spaceinfo's channel blocks of every space, attached to the channel
 // entries with the same sid; a channel repeated later in the profiles
@@ -191,7 +182,7 @@ void collect_recordings(IStorageSetting* setting, const std::list<TSpaceInfo>& s
 }  // namespace
 
 bool collect_report(const Options& options, Report& report, std::string& error) {
-    Session s;
+    Library s;
     s.storage.create_storage_setting(&s.setting);
     if (s.setting == nullptr) {
         error = "cannot reach the storage library";
@@ -211,8 +202,7 @@ bool collect_report(const Options& options, Report& report, std::string& error) 
     std::map<uint32_t, std::string> volume_of_channel;
     collect_volumes(s.setting, s.service, options, report, volume_of_channel);
 
-    ChannelCollector collector(report, now_s * 1000);
-    walk_channel_periods(s.setting, -1, kRecycleFirstStream, now_s * 1000, collector);
+    collect_channels(s.setting, now_s * 1000, report);
     for (ChannelFigures& c : report.channels) {
         auto found = volume_of_channel.find(c.channel_id);
         if (found == volume_of_channel.end()) continue;

@@ -12,7 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "report.h"
-#include "shared.h"
+#include "walks.h"
 
 namespace {
 

@@ -17,6 +17,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "helpers.h"
 #include "report.h"
 
 namespace {
@@ -39,15 +40,6 @@ bool wants_check(int argc, char** argv) {
             return true;
     }
     return false;
-}
-
-// A relative file name is taken from the starting folder: du changes the
-// working directory while the report is gathered.
-std::string absolute(const std::string& path) {
-    if (path.empty() || path[0] == '/') return path;
-    char cwd[4096];
-    if (getcwd(cwd, sizeof(cwd)) == nullptr) return path;
-    return std::string(cwd) + "/" + path;
 }
 
 // Writes through |write| into a temporary file beside |path|, then renames
@@ -283,7 +275,8 @@ int main(int argc, char** argv) {
         return kBadCommandLine;
     }
     try {
-        return run(options, timeout_s, absolute(output));
+        // Taken from the starting folder: du changes it while the report is gathered.
+        return run(options, timeout_s, absolute_path(output.c_str()));
     } catch (const std::exception& e) {
         if (options.format == "check") {
             write_check_unknown(stdout, e.what());

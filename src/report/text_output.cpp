@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "report.h"
-#include "shared.h"
+#include "walks.h"
 
 // Replaces every byte that does not start a valid UTF-8 sequence with U+FFFD.
 std::string valid_utf8(const std::string& in) {

@@ -113,6 +113,8 @@ static_assert(offsetof(TStoreIDProfile, storage_id) == 304, "TStoreIDProfile lay
 
 class IFrameChannelSession {
 public:
+    // |a|, |b|, |c|: flags the library does not document; kelvo always
+    // passes 0, 1, 1 (query_periods), as what other values do is unknown.
     virtual int query_time_periods(int record_type, int stream, long long from_ms, long long to_ms,
                                    std::list<time_period>& periods, int a, int b, int c) = 0;
 

@@ -25,6 +25,7 @@ static_assert(sizeof(TRecordDayList) == 16, "TRecordDayList is 16 bytes");
 
 class IChannelStorageConfiguration {
 public:
+    // |value|: undocumented; spaceinfo always passes 255.
     virtual int get_recording_days(int record_type, int value, std::list<TStorageId> storage_ids,
                                    TRecordDayList* days) = 0;
 

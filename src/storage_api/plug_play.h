@@ -11,6 +11,8 @@
 class IPlugPlayService {
 public:
     // Replaces |channels| by the channels recording on |volume| (named by volume_no).
+    // |a|, |b|: identifiers the library does not document; passed at their
+    // default value, nothing is read back from them.
     virtual int get_volume_channel_list(TVolumeConfig& volume, ornsid& a, ornsid& b,
                                         std::list<channel_sid>& channels) = 0;
 

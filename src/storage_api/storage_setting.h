@@ -193,6 +193,7 @@ public:
                                             std::list<TStoreIDProfile>& profiles) = 0;
     virtual int get_space_list(std::list<TSpaceInfo>& spaces) = 0;
     virtual int get_volume_list(std::list<TVolumeInfo>& volumes) = 0;
+    // |flag|: undocumented; kelvo always passes 1 and depends on no other value.
     virtual int get_channel_setting_list(std::list<TChannelStorageSetting>& settings,
                                          int flag) = 0;
 

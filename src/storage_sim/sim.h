@@ -14,6 +14,7 @@
 
 #include "channel.h"
 #include "channel_config.h"
+#include "helpers.h"
 #include "ornsid.h"
 #include "plug_play.h"
 #include "storage_setting.h"
@@ -111,8 +112,6 @@ void log_call(const char* op, std::initializer_list<Arg> args, long long result)
 // |zero_meaningful|. Returns true and sets |result| when a row applies.
 bool fault(const char* op, const std::string& target, bool zero_meaningful, int* result);
 
-// Field bytes up to |width| or the first zero byte.
-std::string field_text(const char* field, size_t width);
 // Bounded copy of a column into a fixed field; the rest of the field is zero.
 void copy_field(char* field, size_t width, const unsigned char* src, int size);
 // Uuid column into an ornsid: 36 bytes, zero padded, bytes 36 and 37 zero.

@@ -126,7 +126,7 @@ int COrnChannel::create_channel_session(channel_sid channel, IFrameChannelSessio
         sim::fault("create_channel_session", std::to_string(channel.channel_id), false, &result);
     sim::log_call("create_channel_session",
                   {sim::arg("channel_id", static_cast<long long>(channel.channel_id)),
-                   sim::arg("sid", sim::field_text(channel.sid, sizeof(channel.sid)))},
+                   sim::arg("sid", field_text(channel.sid, sizeof(channel.sid)))},
                   failed ? result : 0);
     if (!call.finish()) return -1;
     if (failed) return result;
@@ -172,7 +172,7 @@ int retrieve_storage_id_profile_list(channel_sid channel, std::list<TStoreIDProf
 
 int update_time_period(channel_sid channel, char* period_key, char* storage_id) {
     // The key lives in a 64-byte record field and the id in a 32-byte one.
-    std::string key = sim::field_text(period_key, sizeof(time_period::period_key));
+    std::string key = field_text(period_key, sizeof(time_period::period_key));
     sim::Call call(true);
     int result = 0;
     if (!sim::fault("update_time_period", key, true, &result)) {
@@ -188,7 +188,7 @@ int update_time_period(channel_sid channel, char* period_key, char* storage_id) 
     sim::log_call("update_time_period",
                   {sim::arg("channel_id", static_cast<long long>(channel.channel_id)),
                    sim::arg("period_key", key),
-                   sim::arg("storage_id", sim::field_text(storage_id, 32))},
+                   sim::arg("storage_id", field_text(storage_id, 32))},
                   result);
     return call.finish() ? result : -1;
 }

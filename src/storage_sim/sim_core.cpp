@@ -33,17 +33,6 @@ void statement_cache_clear() {
     statement_cache().clear();
 }
 
-// Relative paths are taken from the working directory at the time of the
-// call, so resolve them before anything changes it.
-std::string absolute_path(const char* path) {
-    if (path == nullptr || *path == '\0' || *path == '/') return path ? path : "";
-    char cwd[PATH_MAX];
-    if (getcwd(cwd, sizeof(cwd)) == nullptr) return path;
-    std::string result = cwd;
-    if (result.empty() || result.back() != '/') result += '/';
-    return result + path;
-}
-
 std::string resolve_log_file() { return absolute_path(getenv("ORN_LOG_FILE")); }
 
 const std::string g_log_file = resolve_log_file();
@@ -360,12 +349,6 @@ bool fault(const char* op, const std::string& target, bool zero_meaningful, int*
     if (!query.step()) return false;
     *result = static_cast<int>(query.int64(0));
     return true;
-}
-
-std::string field_text(const char* field, size_t width) {
-    size_t n = 0;
-    while (n < width && field[n] != '\0') ++n;
-    return std::string(field, n);
 }
 
 void copy_field(char* field, size_t width, const unsigned char* src, int size) {
