@@ -1,8 +1,6 @@
 #!/bin/bash
-# Drives the bash completions of kelvo and kelvo-report through bash with
-# bash-completion loaded, which finds them where they are installed
-# (share/bash-completion/completions/COMMAND), against the demo server.
-# Usage: completion_test.sh SOURCE_DIR KELVO_DIR
+# The bash completions of kelvo and kelvo-report, loaded by bash-completion from where they
+# are installed, on the demo server. Usage: completion_test.sh SOURCE_DIR KELVO_DIR
 set -u
 src=$1 kelvo_dir=$2
 loader=/usr/share/bash-completion/bash_completion
@@ -18,8 +16,7 @@ for command in kelvo kelvo-report; do
 done
 touch "$tmp/out/metrics.prom"
 
-# Prints the completions of the words given as bash splits them ("=" is a
-# word of its own); the last word is the one completed.
+# The completions of the words as bash splits them ("=" a word of its own); the last is completed.
 complete_words() {
     ORN_STORAGE_DB="$tmp/demo/storage.db" TZ=UTC PATH="$tmp/bin:$PATH" XDG_DATA_DIRS="$tmp/share" bash --norc -c '
         source "$1"; shift

@@ -24,6 +24,7 @@ flat=$(render | tr -s ' \n' ' ')
 for command in spacelist vollist volset volchn voluse volclean autoclean nullid recoverid spaceinfo; do
     grep -qF "\$ kelvo $command" <<<"$flat" || fail "kelvo.8: no example of $command"
 done
+grep -qF "4294967295, 99999999999999999999" <<<"$flat" && grep -qw timezone <<<"$flat" || fail "kelvo.8: no caution on wrapped channel numbers or the timezone row"
 fragments=$(grep -hv '^ *\(#\|//\)' "$src"/src/commands/*.cpp "$src"/src/main/main.cpp |
     grep -o '"[^"]*"' | sed 's/^"//; s/"$//; s/%%/%/g; s/\\[nt]/\n/g; s/%[-.*0-9]*l*[a-z]/\n/g' |
     grep -v '/' | sed 's/^ *//; s/ *$//' | grep '[A-Za-z]\{3\}' | sort -u)
@@ -44,4 +45,3 @@ for name in $(grep -o 'kelvo_[a-z_]*' "$src/src/report/text_output.cpp"; sed -n 
     grep -qw -- "$name" <<<"$flat" || fail "kelvo-report.8: does not name $name"
 done
 [ "$failures" -eq 0 ] && echo "manual pages ok"
-[ "$failures" -eq 0 ]
