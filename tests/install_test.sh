@@ -19,7 +19,7 @@ if [ "${3:-}" != --lifecycle ]; then
     check "the package holds the programs, their pages, completions and units, nothing else" \
         'diff <(cd "$tmp/root" && find . ! -type d | sort) <(printf "%s\n" ./usr/bin/kelvo{,-report} \
              ./lib/systemd/system/kelvo-report.{service,timer} ./usr/share/bash-completion/completions/kelvo{,-report} \
-             ./usr/share/doc/kelvo/{changelog.gz,copyright} ./usr/share/man/man8/kelvo{,-report}.8.gz | sort)'
+             ./usr/share/doc/kelvo/{changelog.gz,copyright,examples/kelvo.rules.yml} ./usr/share/man/man8/kelvo{,-report}.8.gz | sort)'
     check "the programs' version is the package's" '[ "$("$tmp/root/usr/bin/kelvo-report" --version)" = "kelvo-report $(dpkg-deb -f "$deb" Version)" ]'
     for bin in "$tmp"/root/usr/bin/*; do
         id=$(readelf -n "$bin" | sed -n 's/.*Build ID: //p')
