@@ -165,6 +165,30 @@ std::vector<ChannelSeries> channel_series(const Report& report) {
 
 }  // namespace
 
+namespace {
+
+// The volume families in MB x 1048576; du's figures only where it measured.
+struct VolumeBytes {
+    const char* name;
+    const char* help;
+    int64_t VolumeFigures::*mb;
+    bool measured_only;
+};
+const VolumeBytes kVolumeBytes[] = {
+    {"kelvo_volume_size_bytes", "Total size of a volume.", &VolumeFigures::total_mb, false},
+    {"kelvo_volume_used_bytes", "Used size of a volume.", &VolumeFigures::used_mb, false},
+    {"kelvo_volume_preallocate_remain_bytes",
+     "Size of the volume's preallocate folder as du measures it.",
+     &VolumeFigures::preallocate_remain_mb, true},
+    {"kelvo_volume_preallocate_total_bytes",
+     "Size of the whole preallocate folder: du's total, subfolders included.",
+     &VolumeFigures::preallocate_total_mb, true},
+    {"kelvo_volume_lost_bytes", "Size of a volume that is neither used nor preallocated.",
+     &VolumeFigures::lost_mb, true},
+};
+
+}  // namespace
+
 void write_prometheus(FILE* out, const Report& report, bool success) {
     family(out, "kelvo_build_info", "The version of kelvo-report that wrote the file.");
     sample(out, "kelvo_build_info", Labels().add("version", KELVO_VERSION), 1);
@@ -201,28 +225,12 @@ void write_prometheus(FILE* out, const Report& report, bool success) {
                    .add("state", v.state),
                1);
     }
-    family(out, "kelvo_volume_size_bytes", "Total size of a volume.");
-    for (const VolumeFigures& v : report.volumes)
-        sample_bytes(out, "kelvo_volume_size_bytes", volume_labels(v), v.total_mb);
-    family(out, "kelvo_volume_used_bytes", "Used size of a volume.");
-    for (const VolumeFigures& v : report.volumes)
-        sample_bytes(out, "kelvo_volume_used_bytes", volume_labels(v), v.used_mb);
-    family(out, "kelvo_volume_preallocate_remain_bytes",
-           "Size of the volume's preallocate folder as du measures it.");
-    for (const VolumeFigures& v : report.volumes)
-        if (v.measured)
-            sample_bytes(out, "kelvo_volume_preallocate_remain_bytes", volume_labels(v),
-                         v.preallocate_remain_mb);
-    family(out, "kelvo_volume_preallocate_total_bytes",
-           "Size of the whole preallocate folder: du's total, subfolders included.");
-    for (const VolumeFigures& v : report.volumes)
-        if (v.measured)
-            sample_bytes(out, "kelvo_volume_preallocate_total_bytes", volume_labels(v),
-                         v.preallocate_total_mb);
-    family(out, "kelvo_volume_lost_bytes",
-           "Size of a volume that is neither used nor preallocated.");
-    for (const VolumeFigures& v : report.volumes)
-        if (v.measured) sample_bytes(out, "kelvo_volume_lost_bytes", volume_labels(v), v.lost_mb);
+    for (const VolumeBytes& f : kVolumeBytes) {
+        family(out, f.name, f.help);
+        for (const VolumeFigures& v : report.volumes)
+            if (v.measured || !f.measured_only)
+                sample_bytes(out, f.name, volume_labels(v), v.*f.mb);
+    }
     family(out, "kelvo_volume_leak", "Whether the volume loses more than 5% of its size (1).");
     for (const VolumeFigures& v : report.volumes)
         sample(out, "kelvo_volume_leak", volume_labels(v), v.leak ? 1 : 0);
