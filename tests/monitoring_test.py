@@ -78,10 +78,11 @@ for (u, n), s in zip(spaces, rep["spaces"]):
     want["kelvo_space_size_bytes", lab(space_uuid=u, space=n)] = s["total_mb"] * MB
     want["kelvo_space_used_bytes", lab(space_uuid=u, space=n)] = s["used_mb"] * MB
 for (su, sn), v in zip(spaces, rep["volumes"]):  # volume j lies in space j
+    v["measured"] = v["preallocate_remain_mb"] is not None  # du was asked for every volume
     vl = lab(volume_uuid=v["uuid"], volume=HOSTILE[:-2].decode("utf-8", "each_byte") if v["uuid"] == uuid(209) else v["name"])
     want["kelvo_volume_info", tuple(sorted(vl + lab(space_uuid=su, space=sn, type=v["type"], state=v["state"])))] = 1
     want.update({("kelvo_volume_" + f, vl): v[k] * unit for f, k, unit in [
-        ("size_bytes", "total_mb", MB), ("used_bytes", "used_mb", MB), ("leak", "leak", 1),
+        ("size_bytes", "total_mb", MB), ("used_bytes", "used_mb", MB), ("leak", "leak", 1), ("measured", "measured", 1),
         ("preallocate_remain_bytes", "preallocate_remain_mb", MB), ("preallocate_total_bytes", "preallocate_total_mb", MB), ("lost_bytes", "lost_mb", MB)] if v[k] is not None})
 merge = lambda key, value, f=max: want.__setitem__(key, f(value, want.get(key, value)))
 for c in rep["channels"]:  # entries of one channel label: the largest count and size, the earliest day
@@ -101,7 +102,7 @@ assert got == want, sorted(set(got.items()) ^ set(want.items()))
 states = [p["subject"] for p in rep["problems"] if p["kind"] == "state"]
 assert states == ["space " + s["name"] for s, (_, _, sev) in zip(rep["spaces"], SPACES) if sev] + [
     "volume " + v["name"] for v, (_, sev) in zip(rep["volumes"], STATES) if sev], states
-ALERT = {"leak critical": "KelvoVolumeLeak", "null_ids warning": "KelvoNullStorageIds", "state space": "KelvoSpaceStatus",
+ALERT = {"leak critical": "KelvoVolumeLeak", "not_measured warning": "KelvoVolumeNotMeasured", "null_ids warning": "KelvoNullStorageIds", "state space": "KelvoSpaceStatus",
          "failed_queries warning": "KelvoFailedPeriodQueries", "retention warning": "KelvoRetentionShort",
          "state volume": "KelvoVolumeState"}
 key_of = {**{"volume " + v["name"]: (uuid(j), v["uuid"], "") for j, v in reversed(list(enumerate(rep["volumes"])))},
@@ -109,8 +110,8 @@ key_of = {**{"volume " + v["name"]: (uuid(j), v["uuid"], "") for j, v in reverse
 expected = lambda instance: {(
     ALERT.get(p["kind"] + " " + p["severity"]) or ALERT["state " + p["subject"].split()[0]] + p["severity"].title(), instance,
     *(("", "", p["subject"].split()[1]) if p["subject"].startswith("channel ") else
-      ("", key_of[p["subject"]][1], "") if p["kind"] == "leak" else key_of[p["subject"]]))
-    for p in rep["problems"] if p["kind"] != "not_measured"}  # no alert: the check names it
+      ("", key_of[p["subject"]][1], "") if p["kind"] in ("leak", "not_measured") else key_of[p["subject"]]))
+    for p in rep["problems"]}
 
 # promtool: the file as one server's input, a stale one, a failed run's file; oldest days moved with the clock.
 promql = lambda v: '"%s"' % v.replace("\\", "\\\\").replace('"', '\\"').replace("\n", "\\n").replace("\ufffd", "\\uFFFD")

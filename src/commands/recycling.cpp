@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -60,20 +61,30 @@ bool leading_kib(const std::string& line, int64_t& kib) {
     return digit != std::string::npos && line[digit] >= '0' && line[digit] <= '9';
 }
 
-// Waits for |pid|; when |limited|, kills it once |deadline| has passed.
+// The du that is running, for stop_running_du; stopping is set once for good.
+std::atomic<pid_t> g_du_child{0};
+std::atomic<bool> g_du_stopped{false};
+
+// Waits for |pid|; when |limited|, kills it once |deadline| has passed. A du
+// that does not die within a second of its kill (a hung disk) is left
+// behind: -1.
 int reap(pid_t pid, bool limited, std::chrono::steady_clock::time_point deadline, bool& killed) {
+    using Clock = std::chrono::steady_clock;
+    auto give_up = killed ? Clock::now() + std::chrono::seconds(1) : deadline;
     int status = 0;
     for (;;) {
-        pid_t r = waitpid(pid, &status, limited && !killed ? WNOHANG : 0);
+        pid_t r = waitpid(pid, &status, limited ? WNOHANG : 0);
         if (r == pid) return status;
         if (r < 0 && errno != EINTR) return -1;
         if (r != 0) continue;
-        if (std::chrono::steady_clock::now() < deadline) {
+        if (Clock::now() < give_up) {
             usleep(2000);
             continue;
         }
+        if (killed) return -1;
         kill(pid, SIGKILL);
         killed = true;
+        give_up = Clock::now() + std::chrono::seconds(1);
     }
 }
 
@@ -193,12 +204,17 @@ bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
     }
     if (pid == 0) {
         // The folder is one argument whatever it holds; du's complaints are
-        // never ours to print.
+        // never ours to print. A pipe that is already descriptor 1 (ours was
+        // closed) only loses its close-on-exec flag.
         int null = open("/dev/null", O_WRONLY);
-        if (dup2(out[1], STDOUT_FILENO) >= 0 && null >= 0 && dup2(null, STDERR_FILENO) >= 0)
+        bool piped = out[1] == STDOUT_FILENO ? fcntl(out[1], F_SETFD, 0) == 0
+                                             : dup2(out[1], STDOUT_FILENO) >= 0;
+        if (piped && null >= 0 && dup2(null, STDERR_FILENO) >= 0)
             execlp("du", "du", folder, static_cast<char*>(nullptr));
         _exit(127);
     }
+    g_du_child = pid;
+    if (g_du_stopped) kill(pid, SIGKILL);
     close(out[1]);
     const bool limited = timeout_ms > 0;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -224,7 +240,8 @@ bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
         lines.feed(buffer, static_cast<size_t>(n));
     }
     close(out[0]);
-    int status = reap(pid, limited, deadline, killed);
+    int status = reap(pid, limited || g_du_stopped, deadline, killed);
+    g_du_child = 0;
     if (!lines.current.empty()) lines.end_line();
 
     reading = DuReading();
@@ -239,10 +256,16 @@ bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
 
 }  // namespace
 
+void stop_running_du() {
+    g_du_stopped = true;
+    pid_t pid = g_du_child;
+    if (pid > 0) kill(pid, SIGKILL);
+}
+
 int read_preallocate(const TVolumeInfo& volume, int timeout_ms, DuReading& reading) {
-    // Neither the folder path nor the command "du <folder>" may be cut to fit
-    // its 256-byte buffer: a path that does not fit is reported like one that
-    // cannot be entered, before the working directory changes.
+    // The folder path, and "du <folder>" as the measurement has always been
+    // bounded, fit 256 bytes: a path that does not fit is reported like one
+    // that cannot be entered, before the working directory changes.
     char folder[256];
     int n = format_fsu_folder(folder, sizeof(folder), volume, "/preallocate");
     const size_t kCommandSize = 256;

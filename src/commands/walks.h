@@ -110,6 +110,9 @@ struct DuReading {
 // The volume's preallocate folder entered (chdir) and measured with du
 // (killed after |timeout_ms| > 0): 0, kUsageNoFolder or kUsageNoDu.
 int read_preallocate(const TVolumeInfo& volume, int timeout_ms, DuReading& reading);
+// Kills the du that runs now, and every later one as soon as it starts: for
+// a process that gives up while another thread measures.
+void stop_running_du();
 // autoclean's rule: the volume leaks when what is neither used nor
 // preallocated exceeds 5% of its size.
 bool volume_leaks(int64_t total_mb, int64_t preallocate_remain_mb, int64_t used_mb,

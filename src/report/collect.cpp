@@ -67,9 +67,9 @@ int space_of_group(const Report& report, const ornsid& group) {
     return -1;
 }
 
-// autoclean's measurement and rule, with a time limit; du may change the
-// working directory, exactly as it does in autoclean. A du that fails, is
-// killed or prints no number measures nothing.
+// autoclean's measurement and rule, with a time limit; it enters (chdir) each
+// preallocate folder, exactly as autoclean does. A du that fails, is killed
+// or prints no number measures nothing.
 void measure(const TVolumeInfo& volume, const Options& options, VolumeFigures& v) {
     // At least 1 ms: a limit of 0 would mean none.
     const int limit_ms =

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -19,6 +20,7 @@
 
 #include "helpers.h"
 #include "report.h"
+#include "walks.h"
 
 namespace {
 
@@ -42,6 +44,9 @@ bool wants_check(int argc, char** argv) {
     return false;
 }
 
+// Read once before the gathering thread starts: umask() sets as it reads.
+mode_t g_umask = 022;
+
 // Writes through |write| into a temporary file beside |path|, then renames
 // it over |path|, so that a reader sees the old file or the whole new one.
 template <typename Write>
@@ -55,8 +60,7 @@ bool write_atomically(const std::string& path, Write write, std::string& error) 
         error = "cannot create a file beside " + path + ": " + strerror(errno);
         return false;
     }
-    mode_t mask = umask(0);
-    umask(mask);
+    const mode_t mask = g_umask;
     FILE* out = fdopen(fd, "w");
     if (out == nullptr) {
         close(fd);
@@ -149,6 +153,7 @@ int run(const Options& options, double timeout_s, const std::string& output) {
     std::string error;
     bool finished = true;
     bool complete = gather_within(options, timeout_s, report, error, finished);
+    if (!finished) stop_running_du();  // nothing may outlive the answer
     report.duration_s =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
@@ -216,12 +221,22 @@ std::string parse_thresholds(const CLI::App& app, Options& options, double& time
     if (timeout->count() > 0 && (!parse_decimal(timeout->as<std::string>(), timeout_s) ||
                                  timeout_s <= 0 || timeout_s > kMaxTimeout))
         return timeout->get_name() + ": not a number of seconds above 0, at most 86400";
+    const CLI::Option* du_timeout = app.get_option("--du-timeout");
+    if (du_timeout->count() > 0 &&
+        (!parse_decimal(du_timeout->as<std::string>(), options.du_timeout_s) ||
+         options.du_timeout_s <= 0 || options.du_timeout_s > kMaxTimeout))
+        return du_timeout->get_name() + ": not a number of seconds above 0, at most 86400";
     return "";
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    // du's exit status is read with waitpid, which an inherited ignored
+    // SIGCHLD would make fail.
+    signal(SIGCHLD, SIG_DFL);
+    g_umask = umask(022);
+    umask(g_umask);
     Options options;
     std::string output;
     CLI::App app{"Storage health of a recording server for monitoring, read-only.",
@@ -246,9 +261,8 @@ int main(int argc, char** argv) {
         ->type_name("SECONDS");
     bool no_du = false;
     app.add_flag("--no-du", no_du, "do not measure the preallocate folders with du");
-    app.add_option("--du-timeout", options.du_timeout_s,
-                   "seconds after which du is killed and the volume not measured (60)")
-        ->check(CLI::PositiveNumber)
+    app.add_option("--du-timeout")
+        ->description("seconds after which du is killed and the volume not measured (60)")
         ->type_name("SECONDS");
     app.set_version_flag("-V,--version", "kelvo-report " KELVO_VERSION);
 
@@ -275,7 +289,7 @@ int main(int argc, char** argv) {
         return kBadCommandLine;
     }
     try {
-        // Taken from the starting folder: du changes it while the report is gathered.
+        // Taken from the starting folder: the measurement enters each preallocate folder.
         return run(options, timeout_s, absolute_path(output.c_str()));
     } catch (const std::exception& e) {
         if (options.format == "check") {

@@ -234,6 +234,12 @@ void write_prometheus(FILE* out, const Report& report, bool success) {
     family(out, "kelvo_volume_leak", "Whether the volume loses more than 5% of its size (1).");
     for (const VolumeFigures& v : report.volumes)
         sample(out, "kelvo_volume_leak", volume_labels(v), v.leak ? 1 : 0);
+    // Only where du was asked: without it (--no-du) no volume has the series.
+    family(out, "kelvo_volume_measured",
+           "Whether du measured the preallocate folder (1); at 0 the leak is not known.");
+    for (const VolumeFigures& v : report.volumes)
+        if (v.measured || !v.not_measured.empty())
+            sample(out, "kelvo_volume_measured", volume_labels(v), v.measured ? 1 : 0);
 
     const std::vector<ChannelSeries> channels = channel_series(report);
     family(out, "kelvo_channel_null_storage_ids",
