@@ -89,7 +89,12 @@ for stub, why, autoclean in [(None, "failed", "Volume [%s/v/share/Spare1] path d
     assert [p["subject"] for p in got["problems"] if p["text"] == "not measured: du " + why] == \
         ["volume " + v["name"] for v in volumes if v["preallocate_remain_mb"] is not None], got["problems"]
     assert autoclean is None or out("autoclean", env=env) == autoclean
-assert not os.path.exists("/proc/" + open(stubs + "/pid").read().strip())
+gone = lambda pid: not os.path.exists("/proc/%s" % pid) or open("/proc/%s/stat" % pid).read().split(") ")[1][0] == "Z"
+assert gone(open(stubs + "/pid").read().strip())
+r = out("--format=check", "-t", "0.5", binary=report, env=env, ok=False)  # giving up, the report kills its du
+assert r.returncode == 3 and any(gone(open(stubs + "/pid").read().strip()) or time.sleep(0.1) for _ in range(20)), r
+open(stubs + "/du", "w").write("#!/bin/sh\necho 1048576 sub; echo 2097152 .\n")  # MB as KiB / 1024, whatever the size
+assert {(v["preallocate_remain_mb"], v["preallocate_total_mb"]) for v in json.loads(out(binary=report, env=env))["volumes"]} == {(1024, 2048), (None, None)}
 for v in json.loads(out("--no-du", binary=report))["volumes"]:
     assert (v["preallocate_remain_mb"], v["lost_mb"], v["leak"]) == (None, None, False), v
 ch = lambda c: "ch%02d" % (c["channel_id"] + 1)
@@ -143,6 +148,7 @@ assert lines == ["%(severity)s: %(subject)s: %(text)s" % p for p in problems] an
 assert "'space Main'=50.00%;@50:94;;0;100 " in head, head
 perf = find(r"('[^']*'|\w+)=([\d.]+)%?;([^;]*);([^;]*)", head.split(" | ")[1])
 worst = max(2 if alerts(c, float(v)) else alerts(w, float(v)) for _, v, w, c in perf)
+assert [v for n, v, _, _ in perf if n.startswith("states_")] == [str(sum(p["kind"] == "state" and p["severity"] == s for p in problems)) for s in ("warning", "critical")]
 critical = sum(p["severity"] == "critical" for p in problems)
 assert (r.returncode, head.split(" | ")[0]) == (worst, "KELVO CRITICAL - %d critical, %d warning; %s: %s" % (
     critical, len(problems) - critical, problems[0]["subject"], problems[0]["text"])), r
@@ -166,9 +172,11 @@ for c, r in recycle:
     assert calls[c["channel_id"], 4 if r["record_type"] == "NR" else 1, r["stream"]] == (r["from_ms"], r["bound_ms"])
 
 os.mkdir("out")
+os.umask(0o002)  # the report's file takes its mode from it
 open("out/r.json", "w").write("old")
 os.link("out/r.json", "out/keep")  # a file written in place would change its other name too
 assert out("--output=out/r.json", binary=report) == "" and sorted(os.listdir("out")) == ["keep", "r.json"]
+assert os.stat("out/r.json").st_mode & 0o777 == 0o664
 assert (open("out/r.json").read(), open("out/keep").read()) == (out(binary=report), "old")
 
 sql("DELETE FROM volumes; DELETE FROM periods; DELETE FROM faults; UPDATE spaces SET status = 0")
