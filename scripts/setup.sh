@@ -10,6 +10,7 @@ cmake
 g++
 make
 libsqlite3-dev
+libhowardhinnant-date-dev
 libcli11-dev
 nlohmann-json3-dev
 "

@@ -32,16 +32,28 @@ const std::string& log_file_path();
 // Appends |line| and a newline to ORN_LOG_FILE when it is set.
 void append_log_line(const std::string& line);
 
-// While one exists, the C library's local time is the recorder's zone (the
-// settings row "timezone") instead of the process's TZ; the process's TZ is
-// back when the outermost one ends. Without a usable row it changes nothing.
-class RecorderZone {
-public:
-    RecorderZone();
-    ~RecorderZone();
-    RecorderZone(const RecorderZone&) = delete;
-    RecorderZone& operator=(const RecorderZone&) = delete;
+// The recorder's local time. Its zone is the settings row "timezone" or,
+// without the row, the process's TZ, looked up once, when the database is
+// opened, in the system's time-zone database (|has_row|: whether the row is
+// there, |row| its value). The process's TZ is never changed. A name the
+// database does not hold leaves no zone, logged once: every call that needs
+// a local time then fails and changes nothing.
+void resolve_recorder_zone(bool has_row, const std::string& row);
+void forget_recorder_zone();
+bool local_time_known();
+
+struct LocalHour {
+    int year, month, day, hour;
 };
+// The local date and hour of the instant |ms|; false without a zone.
+bool local_hour_of(long long ms, LocalHour& out);
+
+// A span of time in milliseconds, both ends included.
+struct Span {
+    long long first, last;
+};
+// The instants the local hour |hour| of that day holds; false without a zone.
+bool local_hour_span(int year, int month, int day, int hour, Span& span);
 
 // How long a lock held by another process is waited for.
 const int kLockWaitMs = 10000;

@@ -1,11 +1,8 @@
 // Channel sessions and the free functions on periods, profiles and hour
 // folders.
-#include <time.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <ctime>
 #include <string>
 
 #include "sim.h"
@@ -196,22 +193,14 @@ int update_time_period(channel_sid channel, char* period_key, char* storage_id) 
 int make_hour_folder_full_path(char* out, const char* fsu_folder, stream_info info,
                                long long time_ms) {
     const size_t kOutSize = 512;
-    long long seconds = time_ms / 1000;
-    if (time_ms % 1000 < 0) --seconds;  // floor division
-    time_t t = static_cast<time_t>(seconds);
-    struct tm local;
-    bool converted;
-    {
-        sim::RecorderZone zone;
-        converted = localtime_r(&t, &local) != nullptr;
-    }
-    if (!converted) {
+    sim::LocalHour local;
+    if (!sim::local_hour_of(time_ms, local)) {
         out[0] = '\0';
         return -1;
     }
-    int n = snprintf(out, kOutSize, "%s/%.32s/%u/%u/%04lld%02d%02d/%02d", fsu_folder, info.sid,
-                     info.record_type, info.stream, static_cast<long long>(local.tm_year) + 1900,
-                     local.tm_mon + 1, local.tm_mday, local.tm_hour);
+    int n =
+        snprintf(out, kOutSize, "%s/%.32s/%u/%u/%04d%02d%02d/%02d", fsu_folder, info.sid,
+                 info.record_type, info.stream, local.year, local.month, local.day, local.hour);
     if (n < 0 || static_cast<size_t>(n) >= kOutSize) {
         out[0] = '\0';
         return -1;

@@ -2,7 +2,6 @@
 // every operation of the stand-in library.
 #include <limits.h>
 #include <stdlib.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,8 +19,6 @@ namespace {
 sqlite3* g_db = nullptr;
 bool g_tried_open = false;
 bool g_trace = false;
-// The recorder's zone from the settings row; empty without a usable one.
-std::string g_zone;
 
 std::map<std::string, sqlite3_stmt*>& statement_cache() {
     static std::map<std::string, sqlite3_stmt*> cache;
@@ -69,61 +66,21 @@ int g_call_depth = 0;
 bool g_call_failed = false;
 std::string g_call_error;
 
-// The process's TZ as it was before a RecorderZone changed it.
-struct ProcessZone {
-    bool set = false;
-    std::string value;
-    static ProcessZone current() {
-        const char* tz = getenv("TZ");
-        return ProcessZone{tz != nullptr, tz ? tz : ""};
-    }
-    void restore() const {
-        if (set) setenv("TZ", value.c_str(), 1);
-        else unsetenv("TZ");
-        tzset();
-    }
-};
-
-int g_zone_depth = 0;
-ProcessZone g_process_zone;
-
-// Whether the C library knows |name|: glibc takes an unknown zone as UTC
-// named after it, with no second (daylight) name.
-bool zone_usable(const std::string& name) {
-    if (name.empty() || name.find('\0') != std::string::npos) return false;
-    ProcessZone before = ProcessZone::current();
-    setenv("TZ", name.c_str(), 1);
-    tzset();
-    bool usable = tzname[1] != nullptr && tzname[1][0] != '\0';
-    before.restore();
-    return usable;
-}
-
+// Looks the recorder's zone up from the settings row, or the process's TZ
+// without one.
 void read_recorder_zone() {
     Stmt row("SELECT value FROM settings WHERE key = 'timezone'");
-    if (!row.step()) return;
+    if (!row.step()) {
+        if (!g_call_failed) resolve_recorder_zone(false, "");
+        return;
+    }
     int size = 0;
     const unsigned char* data = row.bytes(0, &size);
-    std::string name(reinterpret_cast<const char*>(data), data ? static_cast<size_t>(size) : 0);
-    ProcessZone process = ProcessZone::current();
-    if (process.set && process.value == name) return;  // nothing to switch
-    if (zone_usable(name)) g_zone = name;
-    else append_log_line("timezone '" + name + "' is not usable; local times follow TZ");
+    resolve_recorder_zone(true, std::string(reinterpret_cast<const char*>(data),
+                                            data ? static_cast<size_t>(size) : 0));
 }
 
 }  // namespace
-
-RecorderZone::RecorderZone() {
-    if (g_zone_depth++ > 0 || g_zone.empty()) return;
-    g_process_zone = ProcessZone::current();
-    setenv("TZ", g_zone.c_str(), 1);
-    tzset();
-}
-
-RecorderZone::~RecorderZone() {
-    if (--g_zone_depth > 0 || g_zone.empty()) return;
-    g_process_zone.restore();
-}
 
 void append_log_line(const std::string& line) {
     const std::string& path = log_file_path();
@@ -177,7 +134,7 @@ bool open_db() {
     sqlite3_close(handle);
     g_db = nullptr;
     g_trace = false;
-    g_zone.clear();
+    forget_recorder_zone();
     return false;
 }
 

@@ -13,7 +13,6 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <string>
 #include <utility>
 #include <vector>
@@ -58,11 +57,6 @@ std::vector<VolumeFolder> bound_volumes(const char* sql, const std::string& uuid
     return volumes;
 }
 
-// A period's time span, whichever of its ends comes first.
-struct Span {
-    long long first, last;
-};
-
 // Spans of the stream's periods that reach into [from_ms, to_ms]; a 32-bit
 // field matches its value stored either signed or unsigned.
 std::vector<Span> listed_spans(const stream_info& info, long long from_ms, long long to_ms) {
@@ -80,7 +74,7 @@ std::vector<Span> listed_spans(const stream_info& info, long long from_ms, long 
         .bind(6, both_forms(info.stream))
         .bind(7, from_ms)
         .bind(8, to_ms);
-    std::vector<Span> spans;
+    std::vector<Span> spans;  // whichever end of a period comes first
     while (rows.step()) {
         long long start = rows.int64(0), end = rows.int64(1);
         spans.push_back({std::min(start, end), std::max(start, end)});
@@ -183,15 +177,14 @@ int days_in_month(int year, int month) {
 }
 
 // A day folder name: YYYYMMDD of a real calendar date.
-bool parse_day(const char* name, struct tm& day) {
+struct Day {
+    int year, month, day;
+};
+bool parse_day(const char* name, Day& day) {
     if (!all_digits(name, 8)) return false;
-    int year = number_at(name, 4), month = number_at(name + 4, 2), mday = number_at(name + 6, 2);
-    if (month < 1 || month > 12 || mday < 1 || mday > days_in_month(year, month)) return false;
-    day = tm();
-    day.tm_year = year - 1900;
-    day.tm_mon = month - 1;
-    day.tm_mday = mday;
-    return true;
+    day = Day{number_at(name, 4), number_at(name + 4, 2), number_at(name + 6, 2)};
+    return day.month >= 1 && day.month <= 12 && day.day >= 1 &&
+           day.day <= days_in_month(day.year, day.month);
 }
 
 // An hour folder name: HH, 00 to 23.
@@ -199,13 +192,6 @@ bool parse_hour(const char* name, int& hour) {
     if (!all_digits(name, 2)) return false;
     hour = number_at(name, 2);
     return hour <= 23;
-}
-
-long long local_hour_start_ms(const struct tm& day, int hour) {
-    struct tm t = day;
-    t.tm_hour = hour;
-    t.tm_isdst = -1;
-    return static_cast<long long>(mktime(&t)) * 1000;
 }
 
 // What one recycling call may remove: hours wholly in [from_ms, to_ms]
@@ -216,17 +202,17 @@ struct Recycling {
     dev_t device;
 };
 
-// Whether the hour, from its local start to one millisecond before the next
-// hour's local start, lies wholly in the range and outside every listed period.
-bool hour_removable(const struct tm& day, int hour, const Recycling& r) {
-    long long start = local_hour_start_ms(day, hour);
-    long long end = local_hour_start_ms(day, hour + 1) - 1;
-    return start >= r.from_ms && end <= r.to_ms && !any_overlap(r.listed, start, end);
+// Whether every instant the hour folder holds lies in the range and outside
+// every listed period.
+bool hour_removable(const Day& day, int hour, const Recycling& r) {
+    Span span;
+    return local_hour_span(day.year, day.month, day.day, hour, span) && span.first >= r.from_ms &&
+           span.last <= r.to_ms && !any_overlap(r.listed, span.first, span.last);
 }
 
 // Removes the hour folders of one day folder that may go.
 bool recycle_day(int stream_fd, const char* name, const Recycling& r) {
-    struct tm day;
+    Day day;
     if (!parse_day(name, day) || !is_folder_at(stream_fd, name)) return true;
     int fd = open_folder_on(stream_fd, name, r.device);
     if (fd < 0) return false;
@@ -299,7 +285,7 @@ bool recycle_volume(const std::string& fsu, const std::string& sid, const stream
     bool ok = true;
     std::vector<std::string> days = folder_entries(fd);
     for (const std::string& day : days) ok = recycle_day(fd, day.c_str(), r) && ok;
-    struct tm unused;
+    Day unused;
     for (const std::string& day : days) {
         // Only empty day folders go; rmdir refuses the others.
         if (parse_day(day.c_str(), unused) && is_folder_at(fd, day.c_str()) &&
@@ -317,6 +303,8 @@ int engine_init(const char* op, const char* fault_op, const char* exists_sql, co
     Call call;
     int result = 0;
     if (!fault(fault_op, uuid, false, &result)) result = row_exists(exists_sql, uuid) ? 0 : -1;
+    // Without the recorder's zone no hour folder can be read: nothing binds.
+    if (!local_time_known()) result = -1;
     log_call(op, {arg("uuid", uuid)}, result);
     if (!call.finish()) result = -1;
     binding.bound = result == 0;
@@ -336,9 +324,9 @@ int engine_recycle(const char* engine, const char* volumes_sql,
     if (binding.bound) {
         std::vector<VolumeFolder> volumes = bound_volumes(volumes_sql, uuid);
         Recycling r{from_ms, to_ms, listed_spans(info, from_ms, to_ms), 0};
-        RecorderZone zone;
-        // Nothing goes when the database could not be read.
-        bool ok = !call.failed() && !sid.empty() && id_chars(sid, "-_");
+        // Nothing goes when the database could not be read, nor without the
+        // recorder's zone.
+        bool ok = !call.failed() && local_time_known() && !sid.empty() && id_chars(sid, "-_");
         if (ok) {
             for (const VolumeFolder& volume : volumes) {
                 // A volume that could lead elsewhere is skipped; the others go on.

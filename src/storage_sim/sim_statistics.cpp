@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <set>
 #include <string>
 #include <tuple>
@@ -49,9 +48,7 @@ long long sum_sizes(Stmt& rows, const std::set<std::string>& ids) {
     return static_cast<long long>(sum);
 }
 
-long long floor_seconds(long long ms) { return ms >= 0 ? ms / 1000 : -((-(ms + 1)) / 1000) - 1; }
-
-using Day = std::tuple<long long, int, int>;  // local year, month, day
+using Day = std::tuple<int, int, int>;  // local year, month, day
 
 // Day texts in malloc'ed memory, the layout the caller frees with free().
 int hand_out_days(const std::set<Day>& days, TRecordDayList* out) {
@@ -61,8 +58,8 @@ int hand_out_days(const std::set<Day>& days, TRecordDayList* out) {
     int count = 0;
     for (const Day& day : days) {
         char text[48];
-        int n = snprintf(text, sizeof(text), "%04lld-%02d-%02d", std::get<0>(day),
-                         std::get<1>(day), std::get<2>(day));
+        int n = snprintf(text, sizeof(text), "%04d-%02d-%02d", std::get<0>(day), std::get<1>(day),
+                         std::get<2>(day));
         char* copy = static_cast<char*>(malloc(static_cast<size_t>(n) + 1));
         if (copy == nullptr) {
             for (int i = 0; i < count; ++i) free(array[i]);
@@ -100,8 +97,9 @@ int ChannelConfiguration::get_recording_days(int record_type, int value,
     }
     Call call;
     std::set<Day> found;
-    if (days != nullptr) {
-        RecorderZone zone;
+    // Without the recorder's zone no date can be read: the call fails.
+    const int result = local_time_known() ? 0 : -1;
+    if (days != nullptr && result == 0) {
         Stmt rows(
             "SELECT start_ms, storage_id FROM periods WHERE channel_id = ?1 AND record_type = ?2 "
             "ORDER BY rowid");
@@ -110,17 +108,19 @@ int ChannelConfiguration::get_recording_days(int record_type, int value,
             int size = 0;
             const unsigned char* data = rows.bytes(1, &size);
             if (ids.count(storage_id_bytes(data, size)) == 0) continue;
-            time_t seconds = static_cast<time_t>(floor_seconds(rows.int64(0)));
-            struct tm local = {};
-            if (localtime_r(&seconds, &local) == nullptr) continue;
-            found.emplace(local.tm_year + 1900LL, local.tm_mon + 1, local.tm_mday);
+            LocalHour local;
+            if (!local_hour_of(rows.int64(0), local)) continue;
+            found.emplace(local.year, local.month, local.day);
         }
     }
     log_call("get_recording_days",
              {arg("channel_id", static_cast<long long>(channel_id_)),
               arg("record_type", record_type), arg("value", value), arg("storage_ids", id_texts)},
-             0);
-    if (!call.finish()) return -1;
+             result);
+    if (!call.finish() || result != 0) {
+        if (days != nullptr) days->day_count = 0;
+        return -1;
+    }
     return days == nullptr ? 0 : hand_out_days(found, days);
 }
 

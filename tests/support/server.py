@@ -81,7 +81,7 @@ class Server:
                 entries += self.tree(relative + "/")
         return sorted(entries)
 
-    def run(self, args, env=(), at=None, binary=None):
+    def run(self, args, env=(), at=None, binary=None, timeout=None):
         """Runs kelvo (or |binary|) in the root folder with ORN_STORAGE_DB, TZ, PATH, HOME and the
         sanitizer options, at a fixed clock (libfaketime) when |at| (seconds) is given; later
         entries of |env| win. Returns (stdout bytes, stderr bytes, exit status or -1)."""
@@ -92,5 +92,5 @@ class Server:
                         FAKETIME_DONT_FAKE_MONOTONIC="1", ASAN_OPTIONS="verify_asan_link_order=0")
         full.update(e.split("=", 1) for e in env)
         r = subprocess.run([binary or os.environ["KELVO"], *args], cwd=self.root, env=full,
-                           stdin=subprocess.DEVNULL, capture_output=True)
+                           stdin=subprocess.DEVNULL, capture_output=True, timeout=timeout)
         return r.stdout, r.stderr, max(r.returncode, -1)
