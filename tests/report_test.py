@@ -179,7 +179,12 @@ assert out("--output=out/r.json", binary=report) == "" and sorted(os.listdir("ou
 assert os.stat("out/r.json").st_mode & 0o777 == 0o664
 assert (open("out/r.json").read(), open("out/keep").read()) == (out(binary=report), "old")
 
-sql("DELETE FROM volumes; DELETE FROM periods; DELETE FROM faults; UPDATE spaces SET status = 0")
+sql("UPDATE settings SET value = 'Europe/berlin' WHERE key = 'timezone'")  # no zone: no local time, no day
+r = out("--format=check", binary=report, ok=False)
+assert r.returncode == 2 and "\ncritical: server: the storage library has no local time" in r.stdout and \
+    len(find(r"^warning: channel ch0\d [NA]R: recording days query failed in space (Main|Cold)$", r.stdout)) == 8, r
+sql("DELETE FROM volumes; DELETE FROM periods; DELETE FROM faults; UPDATE spaces SET status = 0; "
+    "UPDATE settings SET value = 'UTC' WHERE key = 'timezone'")
 missing = {"ORN_STORAGE_DB": "missing.db"}
 for used, args, want in [  # per 10000 of every space; the status, or the option an UNKNOWN line names
         (9999, [], 0), (1000, ["-w", "10"], 0), (1001, ["-w", "10"], 1), (999, ["--warning=10:"], 1),

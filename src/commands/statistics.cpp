@@ -24,12 +24,12 @@ void collect_storage_ids(const std::list<TStoreIDProfile>& profiles, const chann
 
 // The days of one record type; the caller frees them with free_days.
 TRecordDayList recording_days(IChannelStorageConfiguration* config, int record_type,
-                              const std::list<TStorageId>& ids) {
+                              const std::list<TStorageId>& ids, int& result) {
     TRecordDayList days;
     days.day_count = 0;
     days.days = nullptr;
     // The parameter is a fresh copy of |ids|, gone when the call returns.
-    config->get_recording_days(record_type, 255, ids, &days);
+    result = config->get_recording_days(record_type, 255, ids, &days);
     return days;
 }
 
@@ -80,16 +80,17 @@ bool walk_space_channels(IStorageSetting* setting, const ornsid& space_id,
         IChannelStorageConfiguration* config = nullptr;
         block.config_result = storage.create_channel_configuration(current, &config);
         block.configured = block.config_result == 0 && config != nullptr;
-        for (TRecordDayList& days : block.days) {
-            days.day_count = 0;
-            days.days = nullptr;
+        for (int t = 0; t < 2; ++t) {
+            block.days[t].day_count = 0;
+            block.days[t].days = nullptr;
+            block.days_result[t] = 0;
         }
         if (!block.configured) {
             visit(block);
             return false;
         }
-        block.days[0] = recording_days(config, kRecordTypeNormal, ids);
-        block.days[1] = recording_days(config, kRecordTypeAlarm, ids);
+        block.days[0] = recording_days(config, kRecordTypeNormal, ids, block.days_result[0]);
+        block.days[1] = recording_days(config, kRecordTypeAlarm, ids, block.days_result[1]);
         storage.destroy_channel_configuration(static_cast<int>(current.channel_id), &config);
         visit(block);
         free_days(block.days[0]);

@@ -125,6 +125,7 @@ struct SpaceChannel {
     int config_result;       // of create_channel_configuration
     bool configured;         // result 0 and a configuration: the days are filled
     TRecordDayList days[2];  // record type 4, then 1; freed after the visit
+    int days_result[2];      // of get_recording_days, in the same order
 };
 using SpaceChannelVisit = std::function<void(const SpaceChannel& block)>;
 // Walks the channel blocks of the space's storage-id profiles; after each

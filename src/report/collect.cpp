@@ -168,6 +168,7 @@ void collect_recordings(IStorageSetting* setting, const std::list<TSpaceInfo>& s
                 Recordings r;
                 r.space = index;
                 r.size_mb = size_mb;
+                for (int t = 0; t < 2; ++t) r.days_failed[t] = block.days_result[t] != 0;
                 for (int t = 0; t < 2; ++t)
                     for (int i = 0; block.days[t].days != nullptr && i < block.days[t].day_count;
                          ++i)
@@ -177,6 +178,15 @@ void collect_recordings(IStorageSetting* setting, const std::list<TSpaceInfo>& s
         });
         ++index;
     }
+}
+
+// Whether the library can name the hour folder of the present time: without
+// the recorder's local time it cannot, and recycles nothing.
+bool names_hour_folders(int64_t now_ms) {
+    char path[512] = {};
+    stream_info info;
+    info.record_type = kRecordTypeNormal;
+    return make_hour_folder_full_path(path, "", info, now_ms) == 0;
 }
 
 }  // namespace
@@ -210,6 +220,7 @@ bool collect_report(const Options& options, Report& report, std::string& error) 
         c.volume = found->second;
     }
     collect_recordings(s.setting, spaces, report);
+    report.names_hour_folders = names_hour_folders(now_s * 1000);
     return true;
 }
 
@@ -335,6 +346,10 @@ void check_use(const Options& options, Report& report, const std::string& subjec
 }  // namespace
 
 void find_problems(const Options& options, Report& report) {
+    if (!report.names_hour_folders)
+        add_problem(report, true, "local_time", "server",
+                    "the storage library has no local time (an unknown recorder zone?): it names "
+                    "no hour folder and recycles nothing");
     for (const SpaceFigures& s : report.spaces) {
         const std::string subject = "space " + s.name;
         if (int severity = space_status_severity(s.status))
@@ -373,6 +388,13 @@ void find_problems(const Options& options, Report& report) {
             add_problem(report, false, "failed_queries", subject + stream,
                         "period query failed: volclean would recycle the whole window");
         }
+        for (const Recordings& r : c.recordings)
+            for (int t = 0; t < 2; ++t)
+                if (r.days_failed[t])
+                    add_problem(report, false, "failed_queries",
+                                subject + " " + record_type_label(kRecordTypes[t]),
+                                "recording days query failed in space " +
+                                    report.spaces[static_cast<size_t>(r.space)].name);
         if (!options.min_days.set) continue;
         bool any = false;
         int64_t oldest = 0, start = 0;

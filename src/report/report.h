@@ -58,6 +58,7 @@ struct Recordings {
     int space = 0;  // index into the spaces
     int64_t size_mb = 0;
     std::vector<std::string> days[2];  // NR, AR
+    bool days_failed[2] = {false, false};
 };
 
 // Start of the earliest recording day of |r| in local time; false when it
@@ -78,7 +79,7 @@ struct ChannelFigures {
 struct Problem {
     bool critical = false;
     // What the problem is about: use, state, leak, null_ids, failed_queries,
-    // retention or not_measured.
+    // retention, not_measured or local_time.
     std::string kind;
     std::string subject;
     std::string text;
@@ -87,6 +88,7 @@ struct Problem {
 
 struct Report {
     int64_t generated_s = 0;
+    bool names_hour_folders = true;  // false: the library has no local time
     double duration_s = 0;
     std::vector<SpaceFigures> spaces;
     std::vector<VolumeFigures> volumes;
