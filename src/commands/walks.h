@@ -96,6 +96,34 @@ enum class RecycleBound : int32_t {
 RecycleBound recycle_bound_from_answer(const std::list<time_period>& periods, int64_t from_ms,
                                        int64_t now_ms, int64_t& bound_ms);
 
+// Which recycling a walk follows: volclean hands every stream with a bound
+// to the tiers of every space, unit recycling (autoclean) only the streams
+// whose database lists a period in the window.
+enum class RecycleCommand { kVolclean, kUnit };
+bool command_recycles(RecycleCommand command, RecycleBound bound);
+
+// One stream of the recycling walk: its bound, the answer it came from, and
+// whether the command hands the window [from_ms, bound_ms] to its engines.
+struct RecycleStream {
+    const TChannelStorageSetting& entry;
+    int record_type;
+    int stream;
+    RecycleBound bound;
+    int64_t from_ms;
+    int64_t bound_ms;
+    int query_result;  // of the period query; the bound does not examine it
+    std::list<time_period> periods;
+    bool recycles;
+};
+using RecycleChannelVisit = std::function<void(const TChannelStorageSetting& entry)>;
+using RecycleStreamVisit = std::function<void(const RecycleStream& s)>;
+// volclean's and unit recycling's walk: each selected entry (-1: all; |channel|
+// may be empty), then record type 4 then 1, streams 0 to 4, one
+// compute_recycle_bound each, from |from_ms| to the present time.
+void walk_recycle_streams(const std::list<TChannelStorageSetting>& channels, int channel_id,
+                          int64_t from_ms, RecycleCommand command,
+                          const RecycleChannelVisit& channel, const RecycleStreamVisit& visit);
+
 // Why the preallocate folder was not measured.
 enum UsageFailure { kUsageNoFolder = -1, kUsageNoDu = -2 };
 // What one run of du printed about a folder.
@@ -117,6 +145,18 @@ void stop_running_du();
 // preallocated exceeds 5% of its size.
 bool volume_leaks(int64_t total_mb, int64_t preallocate_remain_mb, int64_t used_mb,
                   int64_t& lost_mb);
+
+// autoclean's figures of one volume.
+struct VolumeLeak {
+    int64_t total_mb = 0;
+    int64_t preallocate_remain_mb = 0;  // the total when du printed nothing
+    int64_t used_mb = 0;
+    int64_t lost_mb = 0;
+    bool leaks = false;
+};
+// autoclean's measurement (entering the preallocate folder) and rule,
+// without its messages: 0, kUsageNoFolder or kUsageNoDu.
+int check_volume_leak(const TVolumeInfo& volume, VolumeLeak& leak);
 
 // One channel block of a space's profiles, as spaceinfo shows it.
 struct SpaceChannel {
