@@ -5,6 +5,7 @@
 #define KELVO_COMMANDS_WALKS_H
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <list>
@@ -36,6 +37,10 @@ inline void for_each_record_stream(int first_stream, const StreamVisit& visit) {
         for (int stream = first_stream; stream <= kLastStream; ++stream)
             visit(record_type, stream);
 }
+
+// A number argument as kelvo reads it: strtol's leading number, narrowed to
+// int (so "-1" is every channel, "3x" is 3).
+inline int command_number(const char* text) { return static_cast<int>(strtol(text, nullptr, 10)); }
 
 // Channels are numbered from 0 inside and from 1 on screen.
 inline int shown_channel(uint32_t channel_id) { return static_cast<int>(channel_id + 1u); }

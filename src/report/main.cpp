@@ -19,6 +19,7 @@
 #include <CLI/CLI.hpp>
 
 #include "helpers.h"
+#include "plan.h"
 #include "report.h"
 #include "walks.h"
 
@@ -229,6 +230,27 @@ std::string parse_thresholds(const CLI::App& app, Options& options, double& time
     return "";
 }
 
+// --plan: the recycle plan, text unless --format=json.
+int run_plan(const PlanRequest& request, bool json, const std::string& output) {
+    Plan plan;
+    std::string error;
+    if (!collect_plan(request, plan, error)) {
+        fprintf(stderr, "%s: %s\n", kProgram, error.c_str());
+        return kIncomplete;
+    }
+    std::string write_error;
+    if (emit(
+            output,
+            [&](FILE* out) {
+        if (json) write_plan_json(out, plan);
+        else write_plan_text(out, plan);
+            },
+            write_error))
+        return 0;
+    fprintf(stderr, "%s: %s\n", kProgram, write_error.c_str());
+    return kIncomplete;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -264,6 +286,11 @@ int main(int argc, char** argv) {
     app.add_option("--du-timeout")
         ->description("seconds after which du is killed and the volume not measured (60)")
         ->type_name("SECONDS");
+    std::string plan;
+    app.add_option("--plan", plan,
+                   "what volclean:CHANNEL or autoclean would remove, read-only (text unless "
+                   "--format=json)")
+        ->type_name("COMMAND");
     app.set_version_flag("-V,--version", "kelvo-report " KELVO_VERSION);
 
     try {
@@ -278,6 +305,15 @@ int main(int argc, char** argv) {
         return kBadCommandLine;
     }
     options.du = !no_du;
+    PlanRequest request;
+    const bool planning = app.get_option("--plan")->count() > 0;
+    const bool plan_json = app.get_option("--format")->count() > 0;
+    if (planning &&
+        (!parse_plan_request(plan, request) || (plan_json && options.format != "json"))) {
+        fprintf(stderr, "%s: --plan: volclean:CHANNEL or autoclean, as text or --format=json\n",
+                kProgram);
+        return kBadCommandLine;
+    }
     double timeout_s = 0;
     const std::string refused = parse_thresholds(app, options, timeout_s);
     if (!refused.empty()) {
@@ -290,6 +326,7 @@ int main(int argc, char** argv) {
     }
     try {
         // Taken from the starting folder: the measurement enters each preallocate folder.
+        if (planning) return run_plan(request, plan_json, absolute_path(output.c_str()));
         return run(options, timeout_s, absolute_path(output.c_str()));
     } catch (const std::exception& e) {
         if (options.format == "check") {
