@@ -90,25 +90,36 @@ std::string totals_text(const PlanTotals& t) {
     return text;
 }
 
-// The streams of one channel entry run (and one volume for autoclean):
-// those from |first| on with the same channel and volume as it.
+// The ten streams of one channel entry (for autoclean, on one volume) from
+// |first| on: one line each that goes to the library, with its folders, and
+// one line for each reason the others do not.
 size_t write_channel_text(FILE* out, const Plan& plan, size_t first, const char* indent) {
     const PlanStream& head = plan.streams[first];
     fprintf(out, "%s%s (sid %s)\n", indent, channel_label(head.channel_id).c_str(),
             head.sid.c_str());
-    size_t i = first;
-    for (; i < plan.streams.size() && i < first + 10; ++i) {
+    std::vector<std::pair<std::string, std::string>> skipped;  // reason, streams
+    const size_t end = std::min(plan.streams.size(), first + 10);
+    for (size_t i = first; i < end; ++i) {
         const PlanStream& s = plan.streams[i];
+        if (!s.recycles) {
+            const std::string why = stream_text(plan, s);
+            auto same = std::find_if(skipped.begin(), skipped.end(),
+                                     [&why](const auto& r) { return r.first == why; });
+            if (same == skipped.end()) skipped.push_back({why, stream_label(s)});
+            else same->second += " " + stream_label(s);
+            continue;
+        }
         fprintf(out, "%s  %s %s\n", indent, stream_label(s).c_str(), stream_text(plan, s).c_str());
         // Folders come in the order of their streams.
         auto f = std::lower_bound(plan.folders.begin(), plan.folders.end(), i,
                                   [](const PlanFolder& a, size_t b) { return a.stream < b; });
-        for (; f != plan.folders.end() && f->stream == i; ++f) {
+        for (; f != plan.folders.end() && f->stream == i; ++f)
             fprintf(out, "%s      %s %10lld bytes  %s%s\n", indent, folder_note(*f).c_str(),
                     static_cast<long long>(f->bytes), f->path.c_str(), folder_why(*f).c_str());
-        }
     }
-    return i;
+    for (const auto& r : skipped)
+        fprintf(out, "%s  %s %s\n", indent, r.second.c_str(), r.first.c_str());
+    return end;
 }
 
 }  // namespace
@@ -122,8 +133,6 @@ void write_plan_text(FILE* out, const Plan& plan) {
     if (!plan.named)
         fprintf(out, "The library names no hour folder here (its recorder zone?): none listed.\n");
     if (!plan.nothing.empty()) fprintf(out, "kelvo would print \"%s\"\n", plan.nothing.c_str());
-    std::set<uint32_t> channels;
-    for (const PlanStream& s : plan.streams) channels.insert(s.channel_id);
     for (size_t i = 0; plan.request.volclean && i < plan.streams.size();) {
         const uint32_t channel_id = plan.streams[i].channel_id;
         i = write_channel_text(out, plan, i, "");
@@ -152,14 +161,15 @@ void write_plan_text(FILE* out, const Plan& plan) {
             else ++i;
     }
     const PlanTotals t = plan_totals(plan, true, 0);
-    fprintf(out, "Total: %s.\n", totals_text(t).c_str());
+    std::set<uint32_t> losing;  // channels with a folder that goes
+    for (const PlanFolder& f : plan.folders)
+        if (f.goes()) losing.insert(plan.streams[f.stream].channel_id);
     fprintf(out, "Run: %s\n", command.c_str());
     fprintf(out,
-            "Plan: %lld hour folders (%lld bytes) would go, %lld kept for listed periods, "
-            "%lld streams recycled whole, %zu channels\n",
-            static_cast<long long>(t.folders), static_cast<long long>(t.bytes),
-            static_cast<long long>(t.kept_listed), static_cast<long long>(t.whole_window),
-            channels.size());
+            "Plan: %lld hour folders (%lld bytes) of %zu channels would go, %lld kept for listed "
+            "periods, %lld streams recycled whole\n",
+            static_cast<long long>(t.folders), static_cast<long long>(t.bytes), losing.size(),
+            static_cast<long long>(t.kept_listed), static_cast<long long>(t.whole_window));
 }
 
 void write_plan_json(FILE* out, const Plan& plan) {
