@@ -205,9 +205,10 @@ int probe_period_location(IStorageSetting& setting, const stream_info& info, int
 
 bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_stream,
                           int64_t now_ms, const ChannelVisit& channel,
-                          const PeriodAnswerVisit& answer) {
+                          const PeriodAnswerVisit& answer, FailedCall* failed) {
     ChannelWalk walk;
-    setting->get_channel_setting_list(walk.settings, 1);
+    const int listed = setting->get_channel_setting_list(walk.settings, 1);
+    if (failed != nullptr) failed->note("get_channel_setting_list", listed);
     if (walk.settings.empty()) return false;
     for (const TChannelStorageSetting& entry : walk.settings) {
         if (!entry_selected(entry, channel_id)) continue;

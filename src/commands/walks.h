@@ -59,12 +59,25 @@ void volume_state_text(int32_t state, char out[20]);
 // The name vollist shows: the path rest after "share/", else "VolName_<no>".
 void volume_display_name(const TVolumeInfo& volume, char name[128]);
 
+// The first library call of a walk whose result was not 0, for kelvo-report,
+// which must never show a partial walk as whole; kelvo's commands go on past
+// a failure as they always did and pass no FailedCall.
+struct FailedCall {
+    const char* call = nullptr;  // null while every call succeeded
+    int result = 0;
+    void note(const char* name, int call_result) {
+        if (call != nullptr || call_result == 0) return;
+        call = name;
+        result = call_result;
+    }
+};
+
 // Every volume in list order with its display name and the channels the
 // service reports on it (voluse).
 using VolumeChannelsVisit = std::function<void(const TVolumeInfo& volume, const char (&name)[128],
                                                const std::list<channel_sid>& channels)>;
 void walk_volume_channels(IStorageSetting* setting, IPlugPlayService* service,
-                          const VolumeChannelsVisit& visit);
+                          const VolumeChannelsVisit& visit, FailedCall* failed = nullptr);
 // By channel id, stable (volchn's order).
 void sort_channels(std::list<channel_sid>& channels);
 
@@ -78,9 +91,10 @@ using PeriodAnswerVisit =
                        int result, std::list<time_period>& periods)>;
 // One channel session per selected entry (-1: all), one query per record
 // type and stream. False when the library lists no channel slot at all.
+// Only the settings list goes to |failed|: each query's result is handed out.
 bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_stream,
                           int64_t now_ms, const ChannelVisit& channel,
-                          const PeriodAnswerVisit& answer);
+                          const PeriodAnswerVisit& answer, FailedCall* failed = nullptr);
 
 // Start of the window recycling looks back over: 30 days before |now_ms|.
 int64_t recycle_window_start_ms(int64_t now_ms);
@@ -130,7 +144,8 @@ using SpaceChannelVisit = std::function<void(const SpaceChannel& block)>;
 // Walks the channel blocks of the space's storage-id profiles; after each
 // block's configuration is released, |visit| gets it. Stops, false, at a
 // channel without a configuration.
+// The profile list goes to |failed|; a block carries its configuration's result.
 bool walk_space_channels(IStorageSetting* setting, const ornsid& space_id,
-                         const SpaceChannelVisit& visit);
+                         const SpaceChannelVisit& visit, FailedCall* failed = nullptr);
 
 #endif
