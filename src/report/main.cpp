@@ -182,7 +182,7 @@ int run(const Options& options, double timeout_s, const std::string& output) {
                 output,
                 [&](FILE* out) {
                 if (complete) write_json(out, report);
-                else write_json_error(out, error);
+                else write_json_error(out, error, report.failed_call);
                 },
                 write_error);
     }
