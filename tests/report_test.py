@@ -77,7 +77,7 @@ assert [(v["preallocate_remain_mb"], v["preallocate_total_mb"]) for v in volumes
 # A du missing, printing no number, or hanging (killed after --du-timeout) measures nothing; no message reaches stderr.
 stubs = server.db_path + ".bin"  # beside the database, out of the server's tree
 os.mkdir(stubs)
-for stub, why, autoclean in [(None, "failed", "Volume [%s/v/share/Spare1] path does not exist\nVolume space leak detected count: 0\n"
+for stub, why, autoclean in [(None, "not found in the absolute entries of PATH", "Volume [%s/v/share/Spare1] path does not exist\nVolume space leak detected count: 0\n"
                               "recycle check process done.\n" % server.root), ("echo du: oops >&2; echo total", "printed no number", None),
                              ("echo $$ >%s/pid; exec /bin/sleep 30" % stubs, "was killed after the time limit", None)]:
     if stub:

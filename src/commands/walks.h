@@ -120,6 +120,7 @@ struct DuReading {
     bool numbers = false;    // both lines begin with a number
     bool succeeded = false;  // du exited with status 0 in time
     bool timed_out = false;  // killed after the time limit
+    bool missing = false;    // no absolute PATH entry holds du: it did not run
 };
 // The volume's preallocate folder entered (chdir) and measured with du
 // (killed after |timeout_ms| > 0): 0, kUsageNoFolder or kUsageNoDu.

@@ -78,6 +78,7 @@ void measure(const TVolumeInfo& volume, const Options& options, VolumeFigures& v
     int result = read_preallocate(volume, limit_ms, du);
     if (result == kUsageNoFolder) v.not_measured = "no preallocate folder";
     else if (result == kUsageNoDu) v.not_measured = "du could not be started";
+    else if (du.missing) v.not_measured = "du not found in the absolute entries of PATH";
     else if (du.timed_out) v.not_measured = "du was killed after the time limit";
     else if (!du.succeeded) v.not_measured = "du failed";
     else if (!du.numbers) v.not_measured = "du printed no number";
