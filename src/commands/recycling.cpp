@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -220,6 +221,7 @@ const std::string& du_program() {
 bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
     int out[2];
     if (pipe2(out, O_CLOEXEC) != 0) return false;
+    const pid_t parent = getpid();
     const char* program = du_program().c_str();
     pid_t pid = fork();
     if (pid < 0) {
@@ -228,9 +230,13 @@ bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
         return false;
     }
     if (pid == 0) {
-        // The folder is one argument whatever it holds; du's complaints are
-        // never ours to print. A pipe that is already descriptor 1 (ours was
-        // closed) only loses its close-on-exec flag.
+        // du dies with us, whatever kills us (the signal follows the thread
+        // that forked, which waits for du); a parent gone before the prctl
+        // is caught by the parent id. The folder is one argument whatever it
+        // holds; du's complaints are never ours to print. A pipe that is
+        // already descriptor 1 (ours was closed) only loses its close-on-exec
+        // flag.
+        if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(127);
         int null = open("/dev/null", O_WRONLY);
         bool piped = out[1] == STDOUT_FILENO ? fcntl(out[1], F_SETFD, 0) == 0
                                              : dup2(out[1], STDOUT_FILENO) >= 0;
