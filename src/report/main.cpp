@@ -6,9 +6,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -229,6 +231,20 @@ std::string parse_thresholds(const CLI::App& app, Options& options, double& time
     return "";
 }
 
+// A refused command line: one line, as the check's UNKNOWN (3) or on
+// standard error (2), control characters shown as '?'.
+int refuse(bool check, const std::string& why) {
+    if (check) {
+        write_check_unknown(stdout, why);
+        return kCheckUnknown;
+    }
+    std::string line = why;
+    for (char& c : line)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    fprintf(stderr, "%s: %s\n", kProgram, line.c_str());
+    return kBadCommandLine;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -270,24 +286,13 @@ int main(int argc, char** argv) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(e);
-        if (wants_check(argc, argv)) {
-            write_check_unknown(stdout, e.what());
-            return kCheckUnknown;
-        }
-        app.exit(e);
-        return kBadCommandLine;
+        return refuse(wants_check(argc, argv), e.what());
     }
+    const bool check = options.format == "check";
     options.du = !no_du;
     double timeout_s = 0;
     const std::string refused = parse_thresholds(app, options, timeout_s);
-    if (!refused.empty()) {
-        if (options.format == "check") {
-            write_check_unknown(stdout, refused);
-            return kCheckUnknown;
-        }
-        fprintf(stderr, "%s: %s\n", kProgram, refused.c_str());
-        return kBadCommandLine;
-    }
+    if (!refused.empty()) return refuse(check, refused);
     try {
         // Taken from the starting folder: the measurement enters each preallocate folder.
         return run(options, timeout_s, absolute_path(output.c_str()));
