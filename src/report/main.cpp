@@ -37,6 +37,13 @@ const char kProgram[] = "kelvo-report";
 const double kCheckTimeout = 10;
 const double kMaxTimeout = 86400;
 
+// True when an argument is exactly |arg|.
+bool has_argument(int argc, char** argv, const char* arg) {
+    for (int i = 1; i < argc; ++i)
+        if (strcmp(argv[i], arg) == 0) return true;
+    return false;
+}
+
 bool wants_check(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--format=check") == 0) return true;
@@ -73,6 +80,13 @@ bool write_atomically(const std::string& path, Write write, std::string& error) 
     write(out);
     bool ok = fflush(out) == 0 && !ferror(out) && fchmod(fd, 0666 & ~mask) == 0 && fsync(fd) == 0;
     ok = fclose(out) == 0 && ok;
+    // Checked again: the target may have been replaced since the start.
+    struct stat target;
+    if (ok && lstat(path.c_str(), &target) == 0 && !S_ISREG(target.st_mode)) {
+        error = path + " exists and is not a regular file";
+        unlink(temp.c_str());
+        return false;
+    }
     if (ok && rename(temp.c_str(), path.c_str()) == 0) return true;
     error = "cannot write " + path + ": " + strerror(errno);
     unlink(temp.c_str());
@@ -88,6 +102,33 @@ bool emit(const std::string& output, Write write, std::string& error) {
         return false;
     }
     return true;
+}
+
+// The --output target with its folder resolved now, before the measurement
+// changes the working folder; empty, with the refusal in |why|, when it
+// cannot take a whole file: an empty name, a folder that cannot be
+// resolved, or a target that exists and is not a regular file (a device, a
+// link, a folder), which the rename would replace.
+std::string output_target(const std::string& value, std::string& why) {
+    const size_t slash = value.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : value.substr(0, slash + 1);
+    const std::string base = slash == std::string::npos ? value : value.substr(slash + 1);
+    if (base.empty() || base == "." || base == "..") {
+        why = "--output: not a file name: '" + value + "'";
+        return "";
+    }
+    char folder[PATH_MAX];
+    if (realpath(dir.c_str(), folder) == nullptr) {
+        why = "--output: the folder of " + value + ": " + strerror(errno);
+        return "";
+    }
+    const std::string target = std::string(folder) + (strcmp(folder, "/") == 0 ? "" : "/") + base;
+    struct stat file;
+    if (lstat(target.c_str(), &file) == 0 && !S_ISREG(file.st_mode)) {
+        why = "--output: " + value + " exists and is not a regular file";
+        return "";
+    }
+    return target;
 }
 
 // One gathering of the report, shared with the thread that does it.
@@ -289,13 +330,21 @@ int main(int argc, char** argv) {
         return refuse(wants_check(argc, argv), e.what());
     }
     const bool check = options.format == "check";
+    // CLI11 would take the next argument as the file name of "--output=".
+    if (has_argument(argc, argv, "--output="))
+        return refuse(check, "--output: not a file name: ''");
     options.du = !no_du;
     double timeout_s = 0;
     const std::string refused = parse_thresholds(app, options, timeout_s);
     if (!refused.empty()) return refuse(check, refused);
+    std::string target;
+    if (app.get_option("--output")->count() > 0) {
+        std::string why;
+        target = output_target(output, why);
+        if (target.empty()) return refuse(check, why);
+    }
     try {
-        // Taken from the starting folder: the measurement enters each preallocate folder.
-        return run(options, timeout_s, absolute_path(output.c_str()));
+        return run(options, timeout_s, target);
     } catch (const std::exception& e) {
         if (options.format == "check") {
             write_check_unknown(stdout, e.what());
