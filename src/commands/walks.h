@@ -91,10 +91,17 @@ using PeriodAnswerVisit =
                        int result, std::list<time_period>& periods)>;
 // One channel session per selected entry (-1: all), one query per record
 // type and stream. False when the library lists no channel slot at all.
-// Only the settings list goes to |failed|: each query's result is handed out.
+// A failed query hands on an empty list, whatever the library left in it:
+// nothing is ever counted from a failed answer. Only the settings list goes
+// to |failed|: each query's result is handed out.
 bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_stream,
                           int64_t now_ms, const ChannelVisit& channel,
                           const PeriodAnswerVisit& answer, FailedCall* failed = nullptr);
+
+// The walk's query of one stream, 0 to |to_ms|: the library's result, and
+// on failure an empty list.
+int query_stream_periods(IFrameChannelSession& session, int record_type, int stream, int64_t to_ms,
+                         std::list<time_period>& periods);
 
 // Start of the window recycling looks back over: 30 days before |now_ms|.
 int64_t recycle_window_start_ms(int64_t now_ms);
