@@ -83,7 +83,7 @@ def build(s):
         target = uuid(200 * rng.randrange(2) + rng.randrange(3)) if chance(30) else word("* * 0 1 2 0:4:1 1:1:2 k0-1 k1-0")
         op = word("create_plug_play_service create_channel_session tier_init query_time_periods update_time_period "
                   "retrieve_storage_id_profile_list get_volume_setting unit_init create_channel_configuration "
-                  "create_storage_setting")
+                  "create_storage_setting get_space_list get_volume_list get_channel_setting_list")
         sql += row("faults", "'%s'" % op, lit(target), word("-1 0 1 7 -2147483648 4294967301"))
     s.exec("BEGIN;" + sql + "COMMIT;")
 

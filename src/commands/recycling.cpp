@@ -2,6 +2,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -214,12 +216,37 @@ void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id) 
 
 namespace {
 
+// du's absolute path, looked up once in the absolute entries of PATH only:
+// an empty or relative entry would find a du planted in the preallocate
+// folder the measurement enters. Empty when no such entry holds du.
+const std::string& du_program() {
+    static const std::string program = [] {
+        const char* path = getenv("PATH");
+        std::string entries = path != nullptr ? path : "/bin:/usr/bin";  // as execvp
+        for (size_t start = 0; start <= entries.size();) {
+            size_t end = entries.find(':', start);
+            if (end == std::string::npos) end = entries.size();
+            const std::string entry = entries.substr(start, end - start);
+            const std::string candidate = entry + "/du";
+            struct stat file;
+            if (!entry.empty() && entry[0] == '/' && stat(candidate.c_str(), &file) == 0 &&
+                S_ISREG(file.st_mode) && access(candidate.c_str(), X_OK) == 0)
+                return candidate;
+            start = end + 1;
+        }
+        return std::string();
+    }();
+    return program;
+}
+
 // Runs du on |folder| without a shell, its standard error discarded; with
 // |timeout_ms| > 0 kills it when that has passed. False when it could not
 // be started at all.
 bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
     int out[2];
     if (pipe2(out, O_CLOEXEC) != 0) return false;
+    const pid_t parent = getpid();
+    const char* program = du_program().c_str();
     pid_t pid = fork();
     if (pid < 0) {
         close(out[0]);
@@ -227,14 +254,18 @@ bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
         return false;
     }
     if (pid == 0) {
-        // The folder is one argument whatever it holds; du's complaints are
-        // never ours to print. A pipe that is already descriptor 1 (ours was
-        // closed) only loses its close-on-exec flag.
+        // du dies with us, whatever kills us (the signal follows the thread
+        // that forked, which waits for du); a parent gone before the prctl
+        // is caught by the parent id. The folder is one argument whatever it
+        // holds; du's complaints are never ours to print. A pipe that is
+        // already descriptor 1 (ours was closed) only loses its close-on-exec
+        // flag.
+        if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(127);
         int null = open("/dev/null", O_WRONLY);
         bool piped = out[1] == STDOUT_FILENO ? fcntl(out[1], F_SETFD, 0) == 0
                                              : dup2(out[1], STDOUT_FILENO) >= 0;
         if (piped && null >= 0 && dup2(null, STDERR_FILENO) >= 0)
-            execlp("du", "du", folder, static_cast<char*>(nullptr));
+            execl(program, "du", folder, static_cast<char*>(nullptr));
         _exit(127);
     }
     g_du_child = pid;
@@ -293,8 +324,14 @@ int read_preallocate(const TVolumeInfo& volume, int timeout_ms, DuReading& readi
     char folder[256];
     int n = format_fsu_folder(folder, sizeof(folder), volume, "/preallocate");
     const size_t kCommandSize = 256;
+    const bool found = !du_program().empty();  // looked up before the first chdir
     if (n < 0 || static_cast<size_t>(n) + strlen("du ") >= kCommandSize || chdir(folder) != 0)
         return kUsageNoFolder;
+    if (!found) {  // as a du that prints nothing
+        reading = DuReading();
+        reading.missing = true;
+        return 0;
+    }
     return run_du(folder, timeout_ms, reading) ? 0 : kUsageNoDu;
 }
 

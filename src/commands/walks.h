@@ -64,12 +64,25 @@ void volume_state_text(int32_t state, char out[20]);
 // The name vollist shows: the path rest after "share/", else "VolName_<no>".
 void volume_display_name(const TVolumeInfo& volume, char name[128]);
 
+// The first library call of a walk whose result was not 0, for kelvo-report,
+// which must never show a partial walk as whole; kelvo's commands go on past
+// a failure as they always did and pass no FailedCall.
+struct FailedCall {
+    const char* call = nullptr;  // null while every call succeeded
+    int result = 0;
+    void note(const char* name, int call_result) {
+        if (call != nullptr || call_result == 0) return;
+        call = name;
+        result = call_result;
+    }
+};
+
 // Every volume in list order with its display name and the channels the
 // service reports on it (voluse).
 using VolumeChannelsVisit = std::function<void(const TVolumeInfo& volume, const char (&name)[128],
                                                const std::list<channel_sid>& channels)>;
 void walk_volume_channels(IStorageSetting* setting, IPlugPlayService* service,
-                          const VolumeChannelsVisit& visit);
+                          const VolumeChannelsVisit& visit, FailedCall* failed = nullptr);
 // By channel id, stable (volchn's order).
 void sort_channels(std::list<channel_sid>& channels);
 
@@ -83,9 +96,17 @@ using PeriodAnswerVisit =
                        int result, std::list<time_period>& periods)>;
 // One channel session per selected entry (-1: all), one query per record
 // type and stream. False when the library lists no channel slot at all.
+// A failed query hands on an empty list, whatever the library left in it:
+// nothing is ever counted from a failed answer. Only the settings list goes
+// to |failed|: each query's result is handed out.
 bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_stream,
                           int64_t now_ms, const ChannelVisit& channel,
-                          const PeriodAnswerVisit& answer);
+                          const PeriodAnswerVisit& answer, FailedCall* failed = nullptr);
+
+// The walk's query of one stream, 0 to |to_ms|: the library's result, and
+// on failure an empty list.
+int query_stream_periods(IFrameChannelSession& session, int record_type, int stream, int64_t to_ms,
+                         std::list<time_period>& periods);
 
 // Start of the window recycling looks back over: 30 days before |now_ms|.
 int64_t recycle_window_start_ms(int64_t now_ms);
@@ -139,6 +160,7 @@ struct DuReading {
     bool numbers = false;    // both lines begin with a number
     bool succeeded = false;  // du exited with status 0 in time
     bool timed_out = false;  // killed after the time limit
+    bool missing = false;    // no absolute PATH entry holds du: it did not run
 };
 // The volume's preallocate folder entered (chdir) and measured with du
 // (killed after |timeout_ms| > 0): 0, kUsageNoFolder or kUsageNoDu.
@@ -175,7 +197,8 @@ using SpaceChannelVisit = std::function<void(const SpaceChannel& block)>;
 // Walks the channel blocks of the space's storage-id profiles; after each
 // block's configuration is released, |visit| gets it. Stops, false, at a
 // channel without a configuration.
+// The profile list goes to |failed|; a block carries its configuration's result.
 bool walk_space_channels(IStorageSetting* setting, const ornsid& space_id,
-                         const SpaceChannelVisit& visit);
+                         const SpaceChannelVisit& visit, FailedCall* failed = nullptr);
 
 #endif
