@@ -126,6 +126,10 @@ bench_size() {
         "($(awk -v s="$own" -v e="$entries" 'BEGIN { printf "%.2f a channel entry, at most 5: %s",
             s / (e ? e : 1), s <= 5 * e ? "holds" : "FAILS" }'))"
     run "voluse -1" "$size" "$db" "$kelvo" voluse -1
+    # The plans first: the commands then remove what they list.
+    run "plan volclean" "$size" "$db" "$report" --plan=volclean:-1
+    run "volclean -1" "$size" "$db" "$kelvo" volclean -1
+    run "plan autoclean" "$size" "$db" "$report" --plan=autoclean
     run "autoclean" "$size" "$db" "$kelvo" autoclean
     [[ -n ${BENCH_KEEP:-} ]] || rm -rf "$dir"
 }
@@ -193,6 +197,13 @@ awk -F'|' -v base="$base" -v periods="$periods" '
         ok = r <= 1.2; all = all && ok
         printf "  kelvo-report  16x: %.3f s, nullid -1 + spaceinfo %.3f s: %.2f x (target <= 1.2): %s\n",
                secs["kelvo-report|16x"], secs["nullid -1|16x"] + secs["spaceinfo|16x"], r, verdict(ok)
+        r = secs["plan volclean|16x"] / secs["volclean -1|16x"]
+        ok = r <= 2; all = all && ok
+        printf "  plan volclean 16x: %.3f s, volclean -1 %.3f s: %.2f x (target <= 2): %s\n",
+               secs["plan volclean|16x"], secs["volclean -1|16x"], r, verdict(ok)
+        r = secs["plan autoclean|16x"] / secs["autoclean|16x"]
+        printf "  plan autoclean 16x: %.3f s, autoclean %.3f s: %.2f x\n",
+               secs["plan autoclean|16x"], secs["autoclean|16x"], r
         # The largest single query is the same at 1x and 16x, so peak memory
         # must stay flat while the periods grow x16; at q16x the largest query
         # grows x16 and memory may follow it.

@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""cases_test.py FILE.cases: runs each case of the file on a server of its own. A case starts with
+"""cases_test.py FILE.cases [TITLE]: runs each case of the file (or those whose title holds TITLE)
+on a server of its own; with KELVO_KEEP=1 the server of a failed case is kept and named. A case starts with
 "=== title", a named fixture with "--- name" (a case's "use name" copies its steps); then one
 step a line, its block being the "| " lines below it (the first may follow sql, out, same or log
 on the step's line); '#' lines are comments.
@@ -180,21 +181,31 @@ STEPS = {  # keyword: what it does to the case
 
 
 def run_case(file, steps):
-    with Server(next((step.arg for step in steps if step.keyword == "tz"), "UTC")) as server:
-        case = Case(file, server, ["ORN_LOG_FILE=%s.log" % server.db_path])
+    server = Server(next((step.arg for step in steps if step.keyword == "tz"), "UTC"))
+    case = Case(file, server, ["ORN_LOG_FILE=%s.log" % server.db_path])
+    try:
         for step in steps:
             if step.keyword in ("sql", "dir", "file", "link", "script"):  # a fixture step
                 case.check_changes(step)
             block = case.text("".join(b + "\n" for b in step.block))
-            STEPS[step.keyword](case, Step(step.line, step.keyword, case.text(step.arg), block, step.arg))
+            STEPS[step.keyword](case, Step(step.line, step.keyword, case.text(step.arg), block,
+                                           step.arg))
         if case.pending:
             case.fail(steps[-1], "run without out")
         case.check_changes(steps[-1])
-        return case.errors
+    finally:
+        keep = case.errors and os.environ.get("KELVO_KEEP") == "1"
+        server.close(keep)
+        if keep:
+            case.errors.append("server kept: ORN_STORAGE_DB=%s TZ=%s" % (server.db_path, server.tz))
+    return case.errors
 
 
 file, failed = os.path.basename(sys.argv[1]), 0
+wanted = sys.argv[2] if len(sys.argv) > 2 else ""
 for title, line, steps in load(sys.argv[1]):
+    if wanted not in title:
+        continue
     errors = run_case(file, steps)
     print("FAILED: %s (%s:%d)" % (title, file, line) if errors else "ok: " + title)
     for e in errors:

@@ -50,7 +50,9 @@ Rec1 Rec2 Rec3                                         | kelvo volchn Rec
 -1 0 1 2 3 4 5 7                                       | kelvo nullid ''
 1                                                      | kelvo voluse 1
                                                        | kelvo vollist Recording ''
---critical= --du-timeout= --format= --help --min-days= --no-du --output= --timeout= --version --warning= | kelvo-report ''
+--critical= --du-timeout= --format= --help --min-days= --no-du --output= --plan= --timeout= --version --warning= | kelvo-report ''
+autoclean volclean:-1                                  | kelvo-report --plan = ''
+-1                                                     | kelvo-report --plan = volclean:
 check json prometheus                                  | kelvo-report --format = ''
 prometheus                                             | kelvo-report --format = p
 $tmp/out/metrics.prom                                  | kelvo-report --output = $tmp/out/m

@@ -83,7 +83,7 @@ def build(s):
         target = uuid(200 * rng.randrange(2) + rng.randrange(3)) if chance(30) else word("* * 0 1 2 0:4:1 1:1:2 k0-1 k1-0")
         op = word("create_plug_play_service create_channel_session tier_init query_time_periods update_time_period "
                   "retrieve_storage_id_profile_list get_volume_setting unit_init create_channel_configuration "
-                  "create_storage_setting")
+                  "create_storage_setting get_space_list get_volume_list get_channel_setting_list")
         sql += row("faults", "'%s'" % op, lit(target), word("-1 0 1 7 -2147483648 4294967301"))
     s.exec("BEGIN;" + sql + "COMMIT;")
 
@@ -92,7 +92,8 @@ def check(s, args):
     """Runs one command: exit 0 (kelvo-report: its codes) and quiet; volset may change volumes'
     type and state, recoverid periods' storage ids (both put back from a copy to compare),
     volclean and autoclean remove day folders; nothing else changes."""
-    report, cleans, sets = args[0].startswith("-"), "clean" in args[0], args[0] == "volset"
+    report, sets = args[0].startswith("-"), args[0] == "volset"
+    cleans = "clean" in args[0] and not report  # a plan removes nothing
     table, columns = ("volumes", "volume_type, state") if sets else ("periods", "storage_id")
     before, tree = s.dump(), s.tree()
     s.exec("DROP TABLE IF EXISTS old; CREATE TEMP TABLE old AS SELECT rowid AS r, * FROM " + table)
@@ -119,7 +120,8 @@ while time.time() < end if seconds else seed - first < servers:
         arg = {"V": re.sub(r"^(m/)?share/", "", rest()), "T": str(rng.randrange(2)), "S": "S" * rng.choice([1, 512, 600]),
                "C": word("-1 -1 -1 0 1 5 32 -2 3x 4294967295 99999999999999999999")}
         for line in ["spacelist", "vollist S", "voluse C", "volchn V", "nullid C", "spaceinfo S", "--format=json",
-                     "--format=prometheus", "--format=check", "volclean C", "autoclean", "volset V T T", "recoverid C"]:
+                     "--format=prometheus", "--format=check", "--plan=volclean:-1", "--plan=autoclean --format=json",
+                     "volclean C", "autoclean", "volset V T T", "recoverid C"]:
             problems = check(s, [arg.get(a, a) for a in line.split()])
             if problems:
                 sys.exit("FAILED: %s\n%s\nreplay: KELVO_FUZZ_SEED=%d KELVO_FUZZ_ITERATIONS=1" % (line, problems, seed))

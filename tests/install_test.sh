@@ -56,5 +56,7 @@ check "the timer is not enabled on install" '[ ! -L "$link" ]'
 systemctl enable kelvo-report.timer >>"$tmp/apt.log" 2>&1
 check "remove disables the timer and keeps the metrics file" \
     '[ -L "$link" ] && apt_get remove kelvo && [ ! -L "$link" ] && [ ! -e /usr/bin/kelvo ] && [ -e "$metrics" ]'
-check "purge leaves no file of the package" 'apt_get purge kelvo && diff "$tmp/before" <(files_named_kelvo)'
+mkdir "${metrics%/*}/.${metrics##*/}.Dir1st"  # no file of the package: purge leaves it
+check "purge leaves no file of the package, and nothing else" 'apt_get purge kelvo &&
+    rmdir "${metrics%/*}/.${metrics##*/}.Dir1st" && diff "$tmp/before" <(files_named_kelvo)'
 [ "$failures" -eq 0 ] || { cat "$tmp/apt.log"; exit 1; }

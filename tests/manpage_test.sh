@@ -27,7 +27,7 @@ done
 grep -qF "4294967295, 99999999999999999999" <<<"$flat" && grep -qw timezone <<<"$flat" || fail "kelvo.8: no caution on wrapped channel numbers or the timezone row"
 fragments=$(grep -hv '^ *\(#\|//\)' "$src"/src/commands/*.cpp "$src"/src/main/main.cpp |
     grep -o '"[^"]*"' | sed 's/^"//; s/"$//; s/%%/%/g; s/\\[nt]/\n/g; s/%[-.*0-9]*l*[a-z]/\n/g' |
-    grep -v '/' | sed 's/^ *//; s/ *$//' | grep '[A-Za-z]\{3\}' | sort -u)
+    grep -v -e '/' -e '^[a-z]*_[a-z_]*$' | sed 's/^ *//; s/ *$//' | grep '[A-Za-z]\{3\}' | sort -u)
 while IFS= read -r fragment; do
     grep -qF -- "$fragment" <<<"$flat" || fail "kelvo.8: does not show \"$fragment\""
 done <<<"$fragments"

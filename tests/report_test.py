@@ -1,14 +1,15 @@
 #!/usr/bin/python3
 """kelvo-report on a server built here, under a fixed clock: its figures agree with kelvo's commands,
-nothing changes, no writing call is made, the JSON passes its schema, the check's long output agrees with the JSON. Then, on a copy: autoclean and volclean, --output, the
-check's ranges and refused values, failures, a locked database within the timeout."""
-import atexit, json, os, re, subprocess, sys, time
+nothing changes, no writing call is made, the JSON passes its schema, the check's long output agrees with the JSON. Then, on a copy: autoclean and volclean, failed list calls and a lock past the
+library's wait, du from absolute PATH entries dying with its parent, --output, the check's ranges, labels and refused
+values, failures, a locked database within the timeout."""
+import atexit, glob, json, os, re, signal, subprocess, sys, time
 
 import jsonschema
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "support"))
-from server import FAKETIME, Server
+from server import FAKETIME, Server, uuid
 
 # Volumes with a leak, without "share/", unmeasurable (no folder), in no space; an empty slot, a channel
 # without a session, failed queries; null ids in and out of the 30 days and in stream 0; profiles that
@@ -77,7 +78,7 @@ assert [(v["preallocate_remain_mb"], v["preallocate_total_mb"]) for v in volumes
 # A du missing, printing no number, or hanging (killed after --du-timeout) measures nothing; no message reaches stderr.
 stubs = server.db_path + ".bin"  # beside the database, out of the server's tree
 os.mkdir(stubs)
-for stub, why, autoclean in [(None, "failed", "Volume [%s/v/share/Spare1] path does not exist\nVolume space leak detected count: 0\n"
+for stub, why, autoclean in [(None, "not found in the absolute entries of PATH", "Volume [%s/v/share/Spare1] path does not exist\nVolume space leak detected count: 0\n"
                               "recycle check process done.\n" % server.root), ("echo du: oops >&2; echo total", "printed no number", None),
                              ("echo $$ >%s/pid; exec /bin/sleep 30" % stubs, "was killed after the time limit", None)]:
     if stub:
@@ -183,8 +184,43 @@ sql("UPDATE settings SET value = 'Europe/berlin' WHERE key = 'timezone'")  # no 
 r = out("--format=check", binary=report, ok=False)
 assert r.returncode == 2 and "\ncritical: server: the storage library has no local time" in r.stdout and \
     len(find(r"^warning: channel ch0\d [NA]R: recording days query failed in space (Main|Cold)$", r.stdout)) == 8, r
-sql("DELETE FROM volumes; DELETE FROM periods; DELETE FROM faults; UPDATE spaces SET status = 0; "
-    "UPDATE settings SET value = 'UTC' WHERE key = 'timezone'")
+sql("UPDATE settings SET value = 'UTC' WHERE key = 'timezone'")
+# A failed list call fails the whole report, named in each format; a fault of result 0 is an empty answer.
+for op in ("get_space_list", "get_volume_list", "get_channel_setting_list"):
+    sql("DELETE FROM faults WHERE op LIKE 'get_%%'; INSERT INTO faults VALUES ('%s', '*', -7)" % op)
+    j, c, p = [out("--format=" + f, binary=report, ok=False) for f in ("json", "check", "prometheus")]
+    why = "%s failed (result -7)" % op
+    assert (j.returncode, j.stdout, j.stderr, c.returncode, c.stdout, c.stderr, p.returncode) == (
+        1, '{"error":"%s","call":"%s"}\n' % (why, op), "kelvo-report: %s\n" % why, 3, "KELVO UNKNOWN - %s\n" % why, "", 1)
+    assert [x for x in find(r"^(kelvo_\w+)(\S*) (\S+)$", p.stdout) if x[0] != "kelvo_report_duration_seconds"] == [
+        ("kelvo_build_info", '{version="%s"}' % rep["kelvo_version"], "1"), ("kelvo_report_success", "", "0"),
+        ("kelvo_report_failed_call_info", '{call="%s"}' % op, "1")] and sql("SELECT result FROM call_log WHERE op = '%s'" % op)[-1] == (-7,)
+    sql("UPDATE faults SET result = 0")
+    assert [len(json.loads(out(binary=report))[k]) for k in ("spaces", "volumes", "channels")].count(0) == 1
+# A real lock, taken while du measures the last volume, fails the channel settings list after the library's 10 s.
+sql("DELETE FROM faults WHERE op LIKE 'get_%'; UPDATE settings SET value = '0' WHERE key = 'trace'")  # one wait, not one per call
+open(stubs + "/du", "w").write("#!/bin/sh\ncase $1 in *Lone*) /bin/touch %s/measuring; while [ ! -e %s/locked ]; do /bin/sleep 0.05; done;; esac\n"
+                               "echo 1 .\n" % (stubs, stubs))
+p = subprocess.Popen([report, "--format=prometheus"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env={**os.environ, "PATH": stubs})
+any(os.path.exists(stubs + "/measuring") or time.sleep(0.05) for _ in range(400))
+server.db.execute("BEGIN EXCLUSIVE"), open(stubs + "/locked", "w").close()
+o, e = p.communicate(timeout=40)
+assert ('kelvo_report_failed_call_info{call="get_channel_setting_list"} 1\n' in o, e, p.returncode) == (
+    True, "kelvo-report: get_channel_setting_list failed (result -1)\n", 1), (o, e)
+server.db.execute("ROLLBACK")
+# du: only from absolute PATH entries (one planted in each preallocate folder never runs), and it dies with its parent.
+for folder in glob.glob(server.root + "/v/**/preallocate", recursive=True):
+    open(folder + "/du", "w").write("#!/bin/sh\ntouch %s/planted\n" % stubs) or os.chmod(folder + "/du", 0o755)
+assert json.loads(out(binary=report, env={"PATH": ":.:/usr/bin:/bin"}))["volumes"] == volumes and out(
+    "autoclean", env={"PATH": "/usr/local/bin::/usr/bin:/bin"}) and not os.path.exists(stubs + "/planted")
+open(stubs + "/du", "w").write("#!/bin/sh\necho $$ >%s/pid; exec /bin/sleep 30\n" % stubs)
+for args, sig in [([report], signal.SIGTERM), ([report, "--format=check", "-t", "20"], signal.SIGINT), ([kelvo, "autoclean"], signal.SIGHUP)]:
+    os.unlink(stubs + "/pid")
+    p = subprocess.Popen(args, stdout=subprocess.DEVNULL, env={**os.environ, "PATH": stubs})
+    any(os.path.exists(stubs + "/pid") or time.sleep(0.05) for _ in range(100))
+    time.sleep(0.1) or p.send_signal(sig) or p.wait()
+    assert any(gone(open(stubs + "/pid").read().strip()) or time.sleep(0.1) for _ in range(20)), args
+sql("DELETE FROM volumes; DELETE FROM periods; DELETE FROM faults; UPDATE spaces SET status = 0")
 missing = {"ORN_STORAGE_DB": "missing.db"}
 for used, args, want in [  # per 10000 of every space; the status, or the option an UNKNOWN line names
         (9999, [], 0), (1000, ["-w", "10"], 0), (1001, ["-w", "10"], 1), (999, ["--warning=10:"], 1),
@@ -203,15 +239,28 @@ for used, args, want in [  # per 10000 of every space; the status, or the option
     r = out("--format=check", *args, binary=report, ok=False)
     assert (r.returncode, r.stdout[:len(head)], r.stdout.count("\n"), len(r.stdout) < 500, r.stderr) == (
         status, head, 3 if status in (1, 2) else 1, True, ""), (used, args, r)  # a line per space that alerts
+os.mkfifo("out/fifo") or os.symlink("r.json", "out/link") or os.mkdir("out/dir")
 for args, env, status, head, err_lines in [
         ([], missing, 1, '{"error":', 1), (["--format=prometheus"], missing, 1, "# HELP", 1),
-        (["--format=xml"], {}, 2, "", 2), (["-w", "x"], {}, 2, "", 1),
+        (["--format=xml"], {}, 2, "", 1), (["-w", "x"], {}, 2, "", 1), (["--bogus"], {}, 2, "", 1),
+        (["--du-timeout="], {}, 2, "", 1), (["--output=", "--format=prometheus"], {}, 2, "", 1),
+        (["--output", ""], {}, 2, "", 1), (["--output=out/"], {}, 2, "", 1), (["--output=out/fifo"], {}, 2, "", 1),
+        (["--output=out/link"], {}, 2, "", 1), (["--output=out/dir"], {}, 2, "", 1), (["--output=no/x"], {}, 2, "", 1),
+        (["--format=check", "--output=out/fifo"], {}, 3, "KELVO UNKNOWN - --output: out/fifo exists", 0),
         (["--format", "check", "--bogus"], {}, 3, "KELVO UNKNOWN - ", 0),
         (["--format=check"], missing, 3, "KELVO UNKNOWN - ", 0)]:
     r = out(*args, binary=report, env=env, ok=False)
     assert (r.returncode, r.stdout[:len(head)], r.stderr.count("\n"), "\nkelvo_report_success 0\n" in r.stdout) == (
         status, head, err_lines, head == "# HELP"), r
 
+assert sorted(os.listdir("out")) == ["dir", "fifo", "keep", "link", "r.json"] and os.path.islink("out/link") and not os.listdir("out/dir")
+os.mkdir("gone")  # a relative --output from a starting folder since removed lands nowhere
+r = subprocess.run(["sh", "-c", 'cd gone && rmdir ../gone && exec "$0" --output=x.json', report], capture_output=True, text=True)
+assert (r.returncode, r.stderr.count("\n"), glob.glob(server.root + "/**/x.json", recursive=True)) == (2, 1, []), r
+sql("INSERT INTO spaces VALUES (uuid(4), 'a=b', uuid(12), 9, 1, 0, 0), (uuid(5), 'a''b', uuid(12), 9, 1, 0, 0), (uuid(6), 'a_b', uuid(12), 9, 1, 0, 0);"
+    "UPDATE settings SET value = 'Bad' || char(10) || 'Zone' WHERE key = 'timezone'")  # labels apart, the log in lines
+assert find(r"'space a.b[^']*'", out("--format=check", binary=report, env={"ORN_LOG_FILE": "log"}, ok=False).stdout) == [
+    "'space a_b %s'" % uuid(n) for n in (4, 5, 6)] and open("log").read().count("\n") == 1 and "Bad\\x0AZone" in open("log").read()
 server.db.execute("BEGIN EXCLUSIVE")  # the library waits 10 s for a lock; the check gives up first
 for args, status, head in [(["--format=check", "-t", "1"], 3, "KELVO UNKNOWN - "), (["-t", "1.5"], 1, '{"error":')]:
     start, r = time.monotonic(), out(*args, binary=report, ok=False)

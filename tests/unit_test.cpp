@@ -1,5 +1,5 @@
-// What no command line can show: a helper's unreachable branch, and one library call
-// timed against a lock.
+// What no command line can show: the walk's answer to a library that leaves stale
+// periods, and one library call timed against a lock.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <unistd.h>
@@ -17,14 +17,24 @@
 
 namespace {
 
-// Times in milliseconds never reach seconds without a local broken-down form,
-// so only a direct call shows the fixed text (never stale bytes).
-TEST(TimeToText, TimeWithoutLocalFormIsAFixedText) {
-    for (int64_t ms : {INT64_MAX, INT64_MIN}) {
-        char out[256];
-        std::memset(out, 'Z', sizeof(out));
-        time_to_text(ms, out);
-        EXPECT_STREQ(out, "[invalid time]") << ms;
+// A library that leaves the last stream's periods in the list when a query
+// fails: the walk hands on none of them.
+struct StaleSession : IFrameChannelSession {
+    int result = 0;
+    int query_time_periods(int, int, long long, long long, std::list<time_period>& periods, int,
+                           int, int) override {
+        periods.emplace_back();
+        return result;
+    }
+};
+
+TEST(PeriodWalk, FailedQueryHandsOnNoPeriods) {
+    StaleSession session;
+    for (int result : {0, -1, 5}) {
+        std::list<time_period> periods(1);
+        session.result = result;
+        EXPECT_EQ(query_stream_periods(session, 4, 1, 1000, periods), result);
+        EXPECT_EQ(periods.size(), result == 0 ? 2u : 0u) << result;
     }
 }
 

@@ -12,9 +12,10 @@ const int kChannelSlots = 32;
 }  // namespace
 
 void walk_volume_channels(IStorageSetting* setting, IPlugPlayService* service,
-                          const VolumeChannelsVisit& visit) {
+                          const VolumeChannelsVisit& visit, FailedCall* failed) {
     std::list<TVolumeInfo> volumes;
-    setting->get_volume_list(volumes);
+    const int listed = setting->get_volume_list(volumes);
+    if (failed != nullptr) failed->note("get_volume_list", listed);
     TVolumeConfig config;
     ornsid a, b;  // the service's two ornsid arguments: left at their defaults, never read back
     std::list<channel_sid> channels;
@@ -24,7 +25,8 @@ void walk_volume_channels(IStorageSetting* setting, IPlugPlayService* service,
         config.field_1092 = 0;  // with volume_no: the volume is named by its number alone
         config.volume_no = volume.setting.config.volume_no;
         channels.clear();
-        service->get_volume_channel_list(config, a, b, channels);
+        const int asked = service->get_volume_channel_list(config, a, b, channels);
+        if (failed != nullptr) failed->note("get_volume_channel_list", asked);
         visit(volume, name, channels);
     }
 }

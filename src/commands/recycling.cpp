@@ -2,6 +2,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -114,20 +116,56 @@ RecycleBound recycle_bound_from_answer(const std::list<time_period>& periods, in
 
 int64_t recycle_window_start_ms(int64_t now_ms) { return now_ms - kRecycleWindowSeconds * 1000; }
 
-RecycleBound compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
-                                   const int64_t& from_ms, int64_t& bound_ms) {
+namespace {
+
+// The bound of one stream with the answer it came from; |query_result| is
+// the query's own result, which the bound does not examine.
+RecycleBound query_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
+                                 int64_t from_ms, int64_t& bound_ms,
+                                 std::list<time_period>& periods, int& query_result) {
     COrnChannel channel_factory;
     IFrameChannelSession* session = nullptr;
     channel_factory.create_channel_session(make_channel_sid(channel.channel_id, channel.sid),
                                            &session);
     if (session == nullptr) return RecycleBound::kNoSession;
 
-    std::list<time_period> periods;
-    query_periods(*session, alarm == 0 ? kRecordTypeNormal : kRecordTypeAlarm,
-                  static_cast<int>(stream), from_ms, now_ms(), periods);
+    query_result = query_periods(*session, alarm == 0 ? kRecordTypeNormal : kRecordTypeAlarm,
+                                 static_cast<int>(stream), from_ms, now_ms(), periods);
     channel_factory.destroy_channel_session(&session);
     // The clock is read again: an empty answer recycles up to this moment.
     return recycle_bound_from_answer(periods, from_ms, now_ms(), bound_ms);
+}
+
+}  // namespace
+
+RecycleBound compute_recycle_bound(channel_sid channel, uint32_t alarm, uint32_t stream,
+                                   const int64_t& from_ms, int64_t& bound_ms) {
+    std::list<time_period> periods;
+    int query_result = 0;
+    return query_recycle_bound(channel, alarm, stream, from_ms, bound_ms, periods, query_result);
+}
+
+bool command_recycles(RecycleCommand command, RecycleBound bound) {
+    if (command == RecycleCommand::kUnit) return bound == RecycleBound::kFound;
+    return bound != RecycleBound::kNoSession;
+}
+
+void walk_recycle_streams(const std::list<TChannelStorageSetting>& channels, int channel_id,
+                          int64_t from_ms, RecycleCommand command,
+                          const RecycleChannelVisit& channel, const RecycleStreamVisit& visit) {
+    for (const TChannelStorageSetting& entry : channels) {
+        if (!entry_selected(entry, channel_id)) continue;
+        if (channel) channel(entry);
+        for_each_record_stream(kRecycleFirstStream, [&](int record_type, int stream) {
+            RecycleStream s{entry, record_type, stream, RecycleBound::kNoSession, from_ms, 0,
+                            0,     {},          false};
+            s.bound = query_recycle_bound(make_channel_sid(entry.channel_id, entry.sid),
+                                          record_type != kRecordTypeNormal, stream, from_ms,
+                                          s.bound_ms, s.periods, s.query_result);
+            s.recycles = command_recycles(command, s.bound);
+            visit(s);
+        });
+    }
 }
 
 void cmd_volclean(IStorageSetting* setting, int channel_id) {
@@ -139,26 +177,21 @@ void cmd_volclean(IStorageSetting* setting, int channel_id) {
         printf("No space or channel found.\n");
         return;
     }
-    const int64_t from_ms = recycle_window_start_ms(now_ms());
-
-    for (const TChannelStorageSetting& entry : channels) {
-        if (!entry_selected(entry, channel_id)) continue;
+    walk_recycle_streams(
+        channels, channel_id, recycle_window_start_ms(now_ms()), RecycleCommand::kVolclean,
+        [](const TChannelStorageSetting& entry) {
         printf("Recycle --ch%02d-- data ...\n", shown_channel(entry.channel_id));
-        for_each_record_stream(kRecycleFirstStream, [&](int record_type, int stream) {
-            int64_t bound_ms = 0;
-            RecycleBound r =
-                compute_recycle_bound(make_channel_sid(entry.channel_id, entry.sid),
-                                      record_type != kRecordTypeNormal, stream, from_ms, bound_ms);
-            if (r == RecycleBound::kNoSession) return;
-            const stream_info info =
-                make_stream_info(entry.channel_id, entry.sid, stream, record_type);
-            for (const TSpaceInfo& space : spaces)
-                recycle_with_engine<CFSTier>(space.uuid, info, from_ms, bound_ms,
-                                             "Initial Tier to process failure.\n");
-            printf("\t[%s S%02d] %s\n", record_type_label(record_type), stream,
-                   r == RecycleBound::kFound ? "Success." : "Can not find time period.");
-        });
-    }
+        },
+        [&spaces](const RecycleStream& s) {
+        if (!s.recycles) return;
+        const stream_info info =
+            make_stream_info(s.entry.channel_id, s.entry.sid, s.stream, s.record_type);
+        for (const TSpaceInfo& space : spaces)
+            recycle_with_engine<CFSTier>(space.uuid, info, s.from_ms, s.bound_ms,
+                                         "Initial Tier to process failure.\n");
+        printf("\t[%s S%02d] %s\n", record_type_label(s.record_type), s.stream,
+               s.bound == RecycleBound::kFound ? "Success." : "Can not find time period.");
+    });
     printf("Recycle process done.\n");
 }
 
@@ -169,26 +202,42 @@ void recycle_unit(IStorageSetting* setting, TVolumeInfo volume, int channel_id) 
         printf("No channel settings found.\n");
         return;
     }
-    const int64_t from_ms = recycle_window_start_ms(now_ms());
-
-    for (const TChannelStorageSetting& entry : channels) {
-        if (!entry_selected(entry, channel_id)) continue;
-        // Only a stream with a listed period has data the database no longer knows.
-        for_each_record_stream(kRecycleFirstStream, [&](int record_type, int stream) {
-            int64_t bound_ms = 0;
-            if (compute_recycle_bound(make_channel_sid(entry.channel_id, entry.sid),
-                                      record_type != kRecordTypeNormal, stream, from_ms,
-                                      bound_ms) != RecycleBound::kFound)
-                return;
-            recycle_with_engine<CFSUnit>(volume.uuid,
-                                         make_stream_info(entry.channel_id, entry.sid, stream,
-                                                          record_type),
-                                         from_ms, bound_ms, "Initial Unit to process failure.\n");
-        });
-    }
+    // Only a stream with a listed period has data the database no longer knows.
+    walk_recycle_streams(channels, channel_id, recycle_window_start_ms(now_ms()),
+                         RecycleCommand::kUnit, nullptr,
+                         [&volume](const RecycleStream& s) {
+        if (!s.recycles) return;
+        recycle_with_engine<CFSUnit>(volume.uuid,
+                                     make_stream_info(s.entry.channel_id, s.entry.sid, s.stream,
+                                                      s.record_type),
+                                     s.from_ms, s.bound_ms, "Initial Unit to process failure.\n");
+    });
 }
 
 namespace {
+
+// du's absolute path, looked up once in the absolute entries of PATH only:
+// an empty or relative entry would find a du planted in the preallocate
+// folder the measurement enters. Empty when no such entry holds du.
+const std::string& du_program() {
+    static const std::string program = [] {
+        const char* path = getenv("PATH");
+        std::string entries = path != nullptr ? path : "/bin:/usr/bin";  // as execvp
+        for (size_t start = 0; start <= entries.size();) {
+            size_t end = entries.find(':', start);
+            if (end == std::string::npos) end = entries.size();
+            const std::string entry = entries.substr(start, end - start);
+            const std::string candidate = entry + "/du";
+            struct stat file;
+            if (!entry.empty() && entry[0] == '/' && stat(candidate.c_str(), &file) == 0 &&
+                S_ISREG(file.st_mode) && access(candidate.c_str(), X_OK) == 0)
+                return candidate;
+            start = end + 1;
+        }
+        return std::string();
+    }();
+    return program;
+}
 
 // Runs du on |folder| without a shell, its standard error discarded; with
 // |timeout_ms| > 0 kills it when that has passed. False when it could not
@@ -196,6 +245,8 @@ namespace {
 bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
     int out[2];
     if (pipe2(out, O_CLOEXEC) != 0) return false;
+    const pid_t parent = getpid();
+    const char* program = du_program().c_str();
     pid_t pid = fork();
     if (pid < 0) {
         close(out[0]);
@@ -203,14 +254,18 @@ bool run_du(const char* folder, int timeout_ms, DuReading& reading) {
         return false;
     }
     if (pid == 0) {
-        // The folder is one argument whatever it holds; du's complaints are
-        // never ours to print. A pipe that is already descriptor 1 (ours was
-        // closed) only loses its close-on-exec flag.
+        // du dies with us, whatever kills us (the signal follows the thread
+        // that forked, which waits for du); a parent gone before the prctl
+        // is caught by the parent id. The folder is one argument whatever it
+        // holds; du's complaints are never ours to print. A pipe that is
+        // already descriptor 1 (ours was closed) only loses its close-on-exec
+        // flag.
+        if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) _exit(127);
         int null = open("/dev/null", O_WRONLY);
         bool piped = out[1] == STDOUT_FILENO ? fcntl(out[1], F_SETFD, 0) == 0
                                              : dup2(out[1], STDOUT_FILENO) >= 0;
         if (piped && null >= 0 && dup2(null, STDERR_FILENO) >= 0)
-            execlp("du", "du", folder, static_cast<char*>(nullptr));
+            execl(program, "du", folder, static_cast<char*>(nullptr));
         _exit(127);
     }
     g_du_child = pid;
@@ -269,8 +324,14 @@ int read_preallocate(const TVolumeInfo& volume, int timeout_ms, DuReading& readi
     char folder[256];
     int n = format_fsu_folder(folder, sizeof(folder), volume, "/preallocate");
     const size_t kCommandSize = 256;
+    const bool found = !du_program().empty();  // looked up before the first chdir
     if (n < 0 || static_cast<size_t>(n) + strlen("du ") >= kCommandSize || chdir(folder) != 0)
         return kUsageNoFolder;
+    if (!found) {  // as a du that prints nothing
+        reading = DuReading();
+        reading.missing = true;
+        return 0;
+    }
     return run_du(folder, timeout_ms, reading) ? 0 : kUsageNoDu;
 }
 
@@ -284,13 +345,18 @@ int measure_preallocate(const TVolumeInfo& volume, int64_t& preallocate_remain_m
     return result;
 }
 
+// The message of measure_volume_usage for a measurement that failed.
+void print_usage_failure(const TVolumeInfo& volume, int result) {
+    if (result == kUsageNoFolder) print_missing_volume(VolumePath(volume));
+    if (result == kUsageNoDu) printf("Can not get preallocate remain size info.\n");
+}
+
 }  // namespace
 
 int measure_volume_usage(const TVolumeInfo& volume, int64_t& preallocate_remain_mb,
                          int64_t& used_size_mb) {
     int result = measure_preallocate(volume, preallocate_remain_mb);
-    if (result == kUsageNoFolder) print_missing_volume(VolumePath(volume));
-    if (result == kUsageNoDu) printf("Can not get preallocate remain size info.\n");
+    print_usage_failure(volume, result);
     if (result != 0) return -1;
     used_size_mb = volume.setting.used_size_mb;
     return 0;
@@ -306,6 +372,19 @@ bool volume_leaks(int64_t total_mb, int64_t preallocate_remain_mb, int64_t used_
     return static_cast<double>(lost_mb) > static_cast<double>(total_mb) * 0.05;
 }
 
+int check_volume_leak(const TVolumeInfo& volume, VolumeLeak& leak) {
+    leak = VolumeLeak();
+    leak.total_mb = volume.setting.total_size_mb;
+    // A du that prints nothing leaves the reserve at the total: no leak.
+    leak.preallocate_remain_mb = leak.total_mb;
+    int result = measure_preallocate(volume, leak.preallocate_remain_mb);
+    if (result != 0) return result;
+    leak.used_mb = volume.setting.used_size_mb;
+    leak.leaks =
+        volume_leaks(leak.total_mb, leak.preallocate_remain_mb, leak.used_mb, leak.lost_mb);
+    return 0;
+}
+
 void cmd_autoclean(IStorageSetting* setting) {
     std::list<TVolumeInfo> volumes;
     setting->get_volume_list(volumes);
@@ -316,24 +395,23 @@ void cmd_autoclean(IStorageSetting* setting) {
     }
     int leak_count = 0;
     for (const TVolumeInfo& volume : volumes) {
-        const int64_t total = volume.setting.total_size_mb;
-        int64_t preallocate_remain = total;
-        int64_t used = 0;
-        if (measure_volume_usage(volume, preallocate_remain, used) != 0) continue;
-        int64_t lost = 0;
-        if (!volume_leaks(total, preallocate_remain, used, lost)) continue;
+        VolumeLeak leak;
+        int result = check_volume_leak(volume, leak);
+        print_usage_failure(volume, result);
+        if (result != 0 || !leak.leaks) continue;
 
         char name[128];
         volume_display_name(volume, name);
         printf(
             "Volume [%s] total size %lld GB(%lld MB), used %lld MB(preallocate_remain %lld "
             "MB).\n",
-            name, static_cast<long long>(total / 1024), static_cast<long long>(total),
-            static_cast<long long>(used), static_cast<long long>(preallocate_remain));
+            name, static_cast<long long>(leak.total_mb / 1024),
+            static_cast<long long>(leak.total_mb), static_cast<long long>(leak.used_mb),
+            static_cast<long long>(leak.preallocate_remain_mb));
         printf(
             "Size lost %lld MB over %lld MB(%%5) is not resonable. Start to recycle volume "
             "using space ...\n",
-            static_cast<long long>(lost), static_cast<long long>(total / 20));
+            static_cast<long long>(leak.lost_mb), static_cast<long long>(leak.total_mb / 20));
         recycle_unit(setting, volume, -1);
         ++leak_count;
     }

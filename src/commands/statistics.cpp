@@ -57,9 +57,10 @@ int64_t add_mb(int64_t a, int64_t b) {
 }  // namespace
 
 bool walk_space_channels(IStorageSetting* setting, const ornsid& space_id,
-                         const SpaceChannelVisit& visit) {
+                         const SpaceChannelVisit& visit, FailedCall* failed) {
     std::list<TStoreIDProfile> profiles;
-    setting->get_storage_id_profile_list(space_id, profiles);
+    const int listed = setting->get_storage_id_profile_list(space_id, profiles);
+    if (failed != nullptr) failed->note("get_storage_id_profile_list", listed);
 
     // Declared before the storage object so that it is released first.
     std::list<TStorageId> ids;

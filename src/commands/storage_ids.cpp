@@ -203,11 +203,19 @@ int probe_period_location(IStorageSetting& setting, const stream_info& info, int
     return -1;
 }
 
+int query_stream_periods(IFrameChannelSession& session, int record_type, int stream, int64_t to_ms,
+                         std::list<time_period>& periods) {
+    int result = query_periods(session, record_type, stream, 0, to_ms, periods);
+    if (result != 0) periods.clear();
+    return result;
+}
+
 bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_stream,
                           int64_t now_ms, const ChannelVisit& channel,
-                          const PeriodAnswerVisit& answer) {
+                          const PeriodAnswerVisit& answer, FailedCall* failed) {
     ChannelWalk walk;
-    setting->get_channel_setting_list(walk.settings, 1);
+    const int listed = setting->get_channel_setting_list(walk.settings, 1);
+    if (failed != nullptr) failed->note("get_channel_setting_list", listed);
     if (walk.settings.empty()) return false;
     for (const TChannelStorageSetting& entry : walk.settings) {
         if (!entry_selected(entry, channel_id)) continue;
@@ -218,7 +226,8 @@ bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_st
         channel(entry, session != nullptr);
         if (session != nullptr) {
             for_each_record_stream(first_stream, [&](int record_type, int stream) {
-                int result = query_periods(*session, record_type, stream, 0, now_ms, walk.periods);
+                int result =
+                    query_stream_periods(*session, record_type, stream, now_ms, walk.periods);
                 answer(entry, record_type, stream, result, walk.periods);
             });
         }

@@ -5,6 +5,7 @@
 #define KELVO_COMMANDS_WALKS_H
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <list>
@@ -37,6 +38,10 @@ inline void for_each_record_stream(int first_stream, const StreamVisit& visit) {
             visit(record_type, stream);
 }
 
+// A number argument as kelvo reads it: strtol's leading number, narrowed to
+// int (so "-1" is every channel, "3x" is 3).
+inline int command_number(const char* text) { return static_cast<int>(strtol(text, nullptr, 10)); }
+
 // Channels are numbered from 0 inside and from 1 on screen.
 inline int shown_channel(uint32_t channel_id) { return static_cast<int>(channel_id + 1u); }
 
@@ -59,12 +64,25 @@ void volume_state_text(int32_t state, char out[20]);
 // The name vollist shows: the path rest after "share/", else "VolName_<no>".
 void volume_display_name(const TVolumeInfo& volume, char name[128]);
 
+// The first library call of a walk whose result was not 0, for kelvo-report,
+// which must never show a partial walk as whole; kelvo's commands go on past
+// a failure as they always did and pass no FailedCall.
+struct FailedCall {
+    const char* call = nullptr;  // null while every call succeeded
+    int result = 0;
+    void note(const char* name, int call_result) {
+        if (call != nullptr || call_result == 0) return;
+        call = name;
+        result = call_result;
+    }
+};
+
 // Every volume in list order with its display name and the channels the
 // service reports on it (voluse).
 using VolumeChannelsVisit = std::function<void(const TVolumeInfo& volume, const char (&name)[128],
                                                const std::list<channel_sid>& channels)>;
 void walk_volume_channels(IStorageSetting* setting, IPlugPlayService* service,
-                          const VolumeChannelsVisit& visit);
+                          const VolumeChannelsVisit& visit, FailedCall* failed = nullptr);
 // By channel id, stable (volchn's order).
 void sort_channels(std::list<channel_sid>& channels);
 
@@ -78,9 +96,17 @@ using PeriodAnswerVisit =
                        int result, std::list<time_period>& periods)>;
 // One channel session per selected entry (-1: all), one query per record
 // type and stream. False when the library lists no channel slot at all.
+// A failed query hands on an empty list, whatever the library left in it:
+// nothing is ever counted from a failed answer. Only the settings list goes
+// to |failed|: each query's result is handed out.
 bool walk_channel_periods(IStorageSetting* setting, int channel_id, int first_stream,
                           int64_t now_ms, const ChannelVisit& channel,
-                          const PeriodAnswerVisit& answer);
+                          const PeriodAnswerVisit& answer, FailedCall* failed = nullptr);
+
+// The walk's query of one stream, 0 to |to_ms|: the library's result, and
+// on failure an empty list.
+int query_stream_periods(IFrameChannelSession& session, int record_type, int stream, int64_t to_ms,
+                         std::list<time_period>& periods);
 
 // Start of the window recycling looks back over: 30 days before |now_ms|.
 int64_t recycle_window_start_ms(int64_t now_ms);
@@ -96,6 +122,34 @@ enum class RecycleBound : int32_t {
 RecycleBound recycle_bound_from_answer(const std::list<time_period>& periods, int64_t from_ms,
                                        int64_t now_ms, int64_t& bound_ms);
 
+// Which recycling a walk follows: volclean hands every stream with a bound
+// to the tiers of every space, unit recycling (autoclean) only the streams
+// whose database lists a period in the window.
+enum class RecycleCommand { kVolclean, kUnit };
+bool command_recycles(RecycleCommand command, RecycleBound bound);
+
+// One stream of the recycling walk: its bound, the answer it came from, and
+// whether the command hands the window [from_ms, bound_ms] to its engines.
+struct RecycleStream {
+    const TChannelStorageSetting& entry;
+    int record_type;
+    int stream;
+    RecycleBound bound;
+    int64_t from_ms;
+    int64_t bound_ms;
+    int query_result;  // of the period query; the bound does not examine it
+    std::list<time_period> periods;
+    bool recycles;
+};
+using RecycleChannelVisit = std::function<void(const TChannelStorageSetting& entry)>;
+using RecycleStreamVisit = std::function<void(const RecycleStream& s)>;
+// volclean's and unit recycling's walk: each selected entry (-1: all; |channel|
+// may be empty), then record type 4 then 1, streams 0 to 4, one
+// compute_recycle_bound each, from |from_ms| to the present time.
+void walk_recycle_streams(const std::list<TChannelStorageSetting>& channels, int channel_id,
+                          int64_t from_ms, RecycleCommand command,
+                          const RecycleChannelVisit& channel, const RecycleStreamVisit& visit);
+
 // Why the preallocate folder was not measured.
 enum UsageFailure { kUsageNoFolder = -1, kUsageNoDu = -2 };
 // What one run of du printed about a folder.
@@ -106,6 +160,7 @@ struct DuReading {
     bool numbers = false;    // both lines begin with a number
     bool succeeded = false;  // du exited with status 0 in time
     bool timed_out = false;  // killed after the time limit
+    bool missing = false;    // no absolute PATH entry holds du: it did not run
 };
 // The volume's preallocate folder entered (chdir) and measured with du
 // (killed after |timeout_ms| > 0): 0, kUsageNoFolder or kUsageNoDu.
@@ -117,6 +172,18 @@ void stop_running_du();
 // preallocated exceeds 5% of its size.
 bool volume_leaks(int64_t total_mb, int64_t preallocate_remain_mb, int64_t used_mb,
                   int64_t& lost_mb);
+
+// autoclean's figures of one volume.
+struct VolumeLeak {
+    int64_t total_mb = 0;
+    int64_t preallocate_remain_mb = 0;  // the total when du printed nothing
+    int64_t used_mb = 0;
+    int64_t lost_mb = 0;
+    bool leaks = false;
+};
+// autoclean's measurement (entering the preallocate folder) and rule,
+// without its messages: 0, kUsageNoFolder or kUsageNoDu.
+int check_volume_leak(const TVolumeInfo& volume, VolumeLeak& leak);
 
 // One channel block of a space's profiles, as spaceinfo shows it.
 struct SpaceChannel {
@@ -131,7 +198,8 @@ using SpaceChannelVisit = std::function<void(const SpaceChannel& block)>;
 // Walks the channel blocks of the space's storage-id profiles; after each
 // block's configuration is released, |visit| gets it. Stops, false, at a
 // channel without a configuration.
+// The profile list goes to |failed|; a block carries its configuration's result.
 bool walk_space_channels(IStorageSetting* setting, const ornsid& space_id,
-                         const SpaceChannelVisit& visit);
+                         const SpaceChannelVisit& visit, FailedCall* failed = nullptr);
 
 #endif

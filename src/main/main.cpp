@@ -31,7 +31,7 @@ struct Invocation {
     print_usage();
 }
 
-int parse_number(const char* text) { return static_cast<int>(strtol(text, nullptr, 10)); }
+int parse_number(const char* text) { return command_number(text); }
 
 // Name arguments keep at most 511 characters and are always terminated.
 void copy_name(Invocation& run) { strncpy(run.name, run.argv[2], sizeof(run.name) - 1); }

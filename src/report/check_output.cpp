@@ -2,6 +2,7 @@
 // the performance data, then every problem on its own line, worst first.
 #include <algorithm>
 #include <cstring>
+#include <map>
 
 #include "report.h"
 #include "walks.h"
@@ -19,22 +20,43 @@ std::string one_line(const std::string& text) {
     return out;
 }
 
-// A performance-data label: quoted, without the two characters it cannot hold.
-std::string perf_label(const std::string& text) {
+// A performance-data label's text, without the two characters it cannot hold.
+std::string perf_text(const std::string& text) {
     std::string out = one_line(text);
     for (char& c : out)
         if (c == '\'' || c == '=') c = '_';
-    return "'" + out + "'";
+    return out;
 }
 
-void perf_use(std::string& perf, const Options& options, const std::string& label, int64_t used_mb,
-              int64_t total_mb) {
+// Percent used of one space or volume, under the label its name gives.
+struct UseFigure {
+    std::string label;
+    std::string uuid;
+    double percent;
+};
+
+// Names that give one label apart: those labels get the uuid's first 8
+// characters, then the whole uuid, then their place, until all differ.
+void make_unique(std::vector<UseFigure>& figures) {
+    std::vector<std::string> base;
+    for (const UseFigure& f : figures) base.push_back(f.label);
+    for (int round = 0; round < 3; ++round) {
+        std::map<std::string, int> uses;
+        for (const UseFigure& f : figures) ++uses[f.label];
+        for (size_t i = 0; i < figures.size(); ++i) {
+            if (uses[figures[i].label] < 2) continue;
+            const std::string uuid = perf_text(figures[i].uuid);
+            figures[i].label = base[i] + " " + (round == 0 ? uuid.substr(0, 8) : uuid);
+            if (round == 2) figures[i].label += " " + std::to_string(i + 1);
+        }
+    }
+}
+
+void add_use(std::vector<UseFigure>& figures, const std::string& label, const std::string& uuid,
+             int64_t used_mb, int64_t total_mb) {
     double percent = 0;
-    if (!used_percent(used_mb, total_mb, percent)) return;
-    char value[32];
-    snprintf(value, sizeof(value), "=%.2f%%;", percent);
-    perf += perf_label(label) + value + options.warning.text() + ";" + options.critical.text() +
-            ";0;100 ";
+    if (used_percent(used_mb, total_mb, percent))
+        figures.push_back(UseFigure{perf_text(label), uuid, percent});
 }
 
 // A count of problems of one kind and severity; the range "0" alerts on
@@ -78,11 +100,19 @@ int write_check(FILE* out, const Options& options, const Report& report) {
     std::string line = summary;
     if (!problems.empty()) line += problems[0]->subject + ": " + problems[0]->text;
 
-    std::string perf;
+    std::vector<UseFigure> uses;
     for (const SpaceFigures& s : report.spaces)
-        perf_use(perf, options, "space " + s.name, s.used_mb, s.total_mb);
+        add_use(uses, "space " + s.name, s.uuid, s.used_mb, s.total_mb);
     for (const VolumeFigures& v : report.volumes)
-        perf_use(perf, options, "volume " + v.name, v.used_mb, v.total_mb);
+        add_use(uses, "volume " + v.name, v.uuid, v.used_mb, v.total_mb);
+    make_unique(uses);
+    std::string perf;
+    for (const UseFigure& u : uses) {
+        char value[32];
+        snprintf(value, sizeof(value), "=%.2f%%;", u.percent);
+        perf += "'" + u.label + "'" + value + options.warning.text() + ";" +
+                options.critical.text() + ";0;100 ";
+    }
     long long nulls = 0;
     for (const ChannelFigures& c : report.channels) nulls += c.null_storage_ids;
     perf += "null_storage_ids=" + std::to_string(nulls) + ";0;;0";

@@ -78,6 +78,7 @@ void measure(const TVolumeInfo& volume, const Options& options, VolumeFigures& v
     int result = read_preallocate(volume, limit_ms, du);
     if (result == kUsageNoFolder) v.not_measured = "no preallocate folder";
     else if (result == kUsageNoDu) v.not_measured = "du could not be started";
+    else if (du.missing) v.not_measured = "du not found in the absolute entries of PATH";
     else if (du.timed_out) v.not_measured = "du was killed after the time limit";
     else if (!du.succeeded) v.not_measured = "du failed";
     else if (!du.numbers) v.not_measured = "du printed no number";
@@ -92,10 +93,13 @@ void measure(const TVolumeInfo& volume, const Options& options, VolumeFigures& v
 // Volumes with their channels (voluse's walk) and, per channel id, the
 // volume voluse shows for it: the last volume in list order that reports it.
 void collect_volumes(IStorageSetting* setting, IPlugPlayService* service, const Options& options,
-                     Report& report, std::map<uint32_t, std::string>& volume_of_channel) {
-    walk_volume_channels(setting, service,
-                         [&](const TVolumeInfo& volume, const char(&name)[128],
-                             const std::list<channel_sid>& channels) {
+                     Report& report, std::map<uint32_t, std::string>& volume_of_channel,
+                     FailedCall& failed) {
+    walk_volume_channels(
+        setting, service,
+        [&](const TVolumeInfo& volume, const char(&name)[128],
+            const std::list<channel_sid>& channels) {
+        if (failed.call != nullptr) return;  // the report is lost: no du to wait for
         const TVolumeSetting& vs = volume.setting;
         VolumeFigures v;
         v.name = name;
@@ -115,12 +119,14 @@ void collect_volumes(IStorageSetting* setting, IPlugPlayService* service, const 
         }
         if (options.du) measure(volume, options, v);
         report.volumes.push_back(v);
-    });
+        },
+        &failed);
 }
 
 // One channel per settings entry; each query of the period walk serves both
 // the null-id count (streams 1 to 4, as nullid) and the recycle bound.
-void collect_channels(IStorageSetting* setting, int64_t now_ms, Report& report) {
+void collect_channels(IStorageSetting* setting, int64_t now_ms, Report& report,
+                      FailedCall& failed) {
     walk_channel_periods(
         setting, -1, kRecycleFirstStream, now_ms,
         [&report](const TChannelStorageSetting& entry, bool) {
@@ -145,25 +151,31 @@ void collect_channels(IStorageSetting* setting, int64_t now_ms, Report& report) 
         r.whole_window = recycle_bound_from_answer(periods, r.from_ms, now_ms, r.bound_ms) ==
                          RecycleBound::kWholeWindow;
         c.recycle.push_back(r);
-    });
+    },
+        &failed);
 }
 
 // spaceinfo's channel blocks of every space, attached to the channel
 // entries with the same sid; a channel repeated later in the profiles
 // (spaceinfo shows it again) is taken once.
 void collect_recordings(IStorageSetting* setting, const std::list<TSpaceInfo>& spaces,
-                        Report& report) {
+                        Report& report, FailedCall& failed) {
     int index = 0;
     for (const TSpaceInfo& space : spaces) {
         const ornsid space_id(space.uuid.uuid);
-        walk_space_channels(setting, space_id, [&](const SpaceChannel& block) {
+        walk_space_channels(
+            setting, space_id,
+            [&](const SpaceChannel& block) {
             if (!block.configured) return;
             bool sized = false;
             long long size_mb = 0;
             for (ChannelFigures& c : report.channels) {
                 if (!same_sid(c.sid.c_str(), block.channel.sid)) continue;
                 if (!c.recordings.empty() && c.recordings.back().space == index) continue;
-                if (!sized) setting->get_total_recording_size(space_id, block.channel, &size_mb);
+                if (!sized)
+                    failed.note("get_total_recording_size",
+                                setting->get_total_recording_size(space_id, block.channel,
+                                                                  &size_mb));
                 sized = true;
                 Recordings r;
                 r.space = index;
@@ -175,7 +187,8 @@ void collect_recordings(IStorageSetting* setting, const std::list<TSpaceInfo>& s
                         r.days[t].push_back(block.days[t].days[i] ? block.days[t].days[i] : "");
                 c.recordings.push_back(r);
             }
-        });
+            },
+            &failed);
         ++index;
     }
 }
@@ -189,39 +202,53 @@ bool names_hour_folders(int64_t now_ms) {
     return make_hour_folder_full_path(path, "", info, now_ms) == 0;
 }
 
+// The report is lost once a call fails: |error| names it.
+bool failed_call(const FailedCall& failed, Report& report, std::string& error) {
+    if (failed.call == nullptr) return false;
+    report.failed_call = failed.call;
+    error = report.failed_call + " failed (result " + std::to_string(failed.result) + ")";
+    return true;
+}
+
 }  // namespace
 
 bool collect_report(const Options& options, Report& report, std::string& error) {
     Library s;
     s.storage.create_storage_setting(&s.setting);
     if (s.setting == nullptr) {
+        report.failed_call = "create_storage_setting";
         error = "cannot reach the storage library";
         return false;
     }
     s.daemon.create_plug_play_service(&s.service);
     if (s.service == nullptr) {
+        report.failed_call = "create_plug_play_service";
         error = "cannot reach the storage library's plug and play service";
         return false;
     }
     const int64_t now_s = static_cast<int64_t>(time(nullptr));
     report.generated_s = now_s;
 
+    FailedCall failed;
     std::list<TSpaceInfo> spaces;
-    s.setting->get_space_list(spaces);
+    failed.note("get_space_list", s.setting->get_space_list(spaces));
+    if (failed_call(failed, report, error)) return false;
     collect_spaces(spaces, report);
     std::map<uint32_t, std::string> volume_of_channel;
-    collect_volumes(s.setting, s.service, options, report, volume_of_channel);
+    collect_volumes(s.setting, s.service, options, report, volume_of_channel, failed);
+    if (failed_call(failed, report, error)) return false;
 
-    collect_channels(s.setting, now_s * 1000, report);
+    collect_channels(s.setting, now_s * 1000, report, failed);
+    if (failed_call(failed, report, error)) return false;
     for (ChannelFigures& c : report.channels) {
         auto found = volume_of_channel.find(c.channel_id);
         if (found == volume_of_channel.end()) continue;
         c.has_volume = true;
         c.volume = found->second;
     }
-    collect_recordings(s.setting, spaces, report);
+    collect_recordings(s.setting, spaces, report, failed);
     report.names_hour_folders = names_hour_folders(now_s * 1000);
-    return true;
+    return !failed_call(failed, report, error);
 }
 
 bool used_percent(int64_t used_mb, int64_t total_mb, double& percent) {

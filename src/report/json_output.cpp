@@ -174,7 +174,9 @@ void write_json(FILE* out, const Report& report) {
     fputs("}\n", out);
 }
 
-void write_json_error(FILE* out, const std::string& error) {
-    put(out, json{{"error", error}});
+void write_json_error(FILE* out, const std::string& error, const std::string& failed_call) {
+    json j = {{"error", error}};
+    if (!failed_call.empty()) j["call"] = failed_call;
+    put(out, j);
     fputs("\n", out);
 }

@@ -6,9 +6,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -19,6 +21,7 @@
 #include <CLI/CLI.hpp>
 
 #include "helpers.h"
+#include "plan.h"
 #include "report.h"
 #include "walks.h"
 
@@ -34,6 +37,13 @@ const char kProgram[] = "kelvo-report";
 // The check answers within this many seconds unless told otherwise.
 const double kCheckTimeout = 10;
 const double kMaxTimeout = 86400;
+
+// True when an argument is exactly |arg|.
+bool has_argument(int argc, char** argv, const char* arg) {
+    for (int i = 1; i < argc; ++i)
+        if (strcmp(argv[i], arg) == 0) return true;
+    return false;
+}
 
 bool wants_check(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
@@ -71,6 +81,13 @@ bool write_atomically(const std::string& path, Write write, std::string& error) 
     write(out);
     bool ok = fflush(out) == 0 && !ferror(out) && fchmod(fd, 0666 & ~mask) == 0 && fsync(fd) == 0;
     ok = fclose(out) == 0 && ok;
+    // Checked again: the target may have been replaced since the start.
+    struct stat target;
+    if (ok && lstat(path.c_str(), &target) == 0 && !S_ISREG(target.st_mode)) {
+        error = path + " exists and is not a regular file";
+        unlink(temp.c_str());
+        return false;
+    }
     if (ok && rename(temp.c_str(), path.c_str()) == 0) return true;
     error = "cannot write " + path + ": " + strerror(errno);
     unlink(temp.c_str());
@@ -86,6 +103,33 @@ bool emit(const std::string& output, Write write, std::string& error) {
         return false;
     }
     return true;
+}
+
+// The --output target with its folder resolved now, before the measurement
+// changes the working folder; empty, with the refusal in |why|, when it
+// cannot take a whole file: an empty name, a folder that cannot be
+// resolved, or a target that exists and is not a regular file (a device, a
+// link, a folder), which the rename would replace.
+std::string output_target(const std::string& value, std::string& why) {
+    const size_t slash = value.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : value.substr(0, slash + 1);
+    const std::string base = slash == std::string::npos ? value : value.substr(slash + 1);
+    if (base.empty() || base == "." || base == "..") {
+        why = "--output: not a file name: '" + value + "'";
+        return "";
+    }
+    char folder[PATH_MAX];
+    if (realpath(dir.c_str(), folder) == nullptr) {
+        why = "--output: the folder of " + value + ": " + strerror(errno);
+        return "";
+    }
+    const std::string target = std::string(folder) + (strcmp(folder, "/") == 0 ? "" : "/") + base;
+    struct stat file;
+    if (lstat(target.c_str(), &file) == 0 && !S_ISREG(file.st_mode)) {
+        why = "--output: " + value + " exists and is not a regular file";
+        return "";
+    }
+    return target;
 }
 
 // One gathering of the report, shared with the thread that does it.
@@ -182,7 +226,7 @@ int run(const Options& options, double timeout_s, const std::string& output) {
                 output,
                 [&](FILE* out) {
                 if (complete) write_json(out, report);
-                else write_json_error(out, error);
+                else write_json_error(out, error, report.failed_call);
                 },
                 write_error);
     }
@@ -229,6 +273,46 @@ std::string parse_thresholds(const CLI::App& app, Options& options, double& time
     return "";
 }
 
+// One line on standard error, control characters shown as '?'.
+void print_error(const std::string& why) {
+    std::string line = why;
+    for (char& c : line)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    fprintf(stderr, "%s: %s\n", kProgram, line.c_str());
+}
+
+// A refused command line: one line, as the check's UNKNOWN (3) or on
+// standard error (2), control characters shown as '?'.
+int refuse(bool check, const std::string& why) {
+    if (check) {
+        write_check_unknown(stdout, why);
+        return kCheckUnknown;
+    }
+    print_error(why);
+    return kBadCommandLine;
+}
+
+// --plan: the recycle plan, text unless --format=json.
+int run_plan(const PlanRequest& request, bool json, const std::string& output) {
+    Plan plan;
+    std::string error;
+    if (!collect_plan(request, plan, error)) {
+        print_error(error);
+        return kIncomplete;
+    }
+    std::string write_error;
+    if (emit(
+            output,
+            [&](FILE* out) {
+        if (json) write_plan_json(out, plan);
+        else write_plan_text(out, plan);
+            },
+            write_error))
+        return 0;
+    print_error(write_error);
+    return kIncomplete;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -264,33 +348,43 @@ int main(int argc, char** argv) {
     app.add_option("--du-timeout")
         ->description("seconds after which du is killed and the volume not measured (60)")
         ->type_name("SECONDS");
+    std::string plan;
+    app.add_option("--plan", plan,
+                   "what volclean:CHANNEL or autoclean would remove, read-only (text unless "
+                   "--format=json)")
+        ->type_name("COMMAND");
     app.set_version_flag("-V,--version", "kelvo-report " KELVO_VERSION);
 
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(e);
-        if (wants_check(argc, argv)) {
-            write_check_unknown(stdout, e.what());
-            return kCheckUnknown;
-        }
-        app.exit(e);
-        return kBadCommandLine;
+        return refuse(wants_check(argc, argv), e.what());
     }
+    const bool check = options.format == "check";
+    // CLI11 would take the next argument as the file name of "--output=".
+    if (has_argument(argc, argv, "--output="))
+        return refuse(check, "--output: not a file name: ''");
     options.du = !no_du;
+    PlanRequest request;
+    const bool planning = app.get_option("--plan")->count() > 0;
+    const bool plan_json = app.get_option("--format")->count() > 0;
+    if (planning &&
+        (!parse_plan_request(plan, request) || (plan_json && options.format != "json"))) {
+        return refuse(false, "--plan: volclean:CHANNEL or autoclean, as text or --format=json");
+    }
     double timeout_s = 0;
     const std::string refused = parse_thresholds(app, options, timeout_s);
-    if (!refused.empty()) {
-        if (options.format == "check") {
-            write_check_unknown(stdout, refused);
-            return kCheckUnknown;
-        }
-        fprintf(stderr, "%s: %s\n", kProgram, refused.c_str());
-        return kBadCommandLine;
+    if (!refused.empty()) return refuse(check, refused);
+    std::string target;
+    if (app.get_option("--output")->count() > 0) {
+        std::string why;
+        target = output_target(output, why);
+        if (target.empty()) return refuse(check, why);
     }
     try {
-        // Taken from the starting folder: the measurement enters each preallocate folder.
-        return run(options, timeout_s, absolute_path(output.c_str()));
+        if (planning) return run_plan(request, plan_json, target);
+        return run(options, timeout_s, target);
     } catch (const std::exception& e) {
         if (options.format == "check") {
             write_check_unknown(stdout, e.what());

@@ -94,10 +94,14 @@ struct Report {
     std::vector<VolumeFigures> volumes;
     std::vector<ChannelFigures> channels;
     std::vector<Problem> problems;
+    // The library call whose failure left the report incomplete, if any.
+    std::string failed_call;
 };
 
 // Gathers the report. False, with |error| set, when the storage library
-// cannot be reached.
+// cannot be reached or a call whose answer the report shows whole fails
+// (named in |report.failed_call|); per-stream period queries are counted
+// instead.
 bool collect_report(const Options& options, Report& report, std::string& error);
 void find_problems(const Options& options, Report& report);
 // Percent used as kelvo prints it; false when the size is not positive.
@@ -113,8 +117,9 @@ std::string channel_label(uint32_t channel_id);
 std::string valid_utf8(const std::string& in);
 
 void write_json(FILE* out, const Report& report);
-// The JSON answer of a report that could not be gathered.
-void write_json_error(FILE* out, const std::string& error);
+// The JSON answer of a report that could not be gathered, naming the
+// library call that failed when one did.
+void write_json_error(FILE* out, const std::string& error, const std::string& failed_call);
 void write_prometheus(FILE* out, const Report& report, bool success);
 // Returns the exit status of the check (0 OK, 1 WARNING, 2 CRITICAL).
 int write_check(FILE* out, const Options& options, const Report& report);

@@ -198,6 +198,11 @@ void write_prometheus(FILE* out, const Report& report, bool success) {
     char seconds[32];
     snprintf(seconds, sizeof(seconds), "%.6f", report.duration_s);
     sample(out, "kelvo_report_duration_seconds", Labels(), seconds);
+    if (!success && !report.failed_call.empty()) {
+        family(out, "kelvo_report_failed_call_info",
+               "The storage library call whose failure left the report incomplete.");
+        sample(out, "kelvo_report_failed_call_info", Labels().add("call", report.failed_call), 1);
+    }
     if (!success) return;
 
     auto space = [&report](int index) {

@@ -87,7 +87,15 @@ void append_log_line(const std::string& line) {
     if (path.empty()) return;
     FILE* file = fopen(path.c_str(), "a");
     if (file == nullptr) return;
-    fprintf(file, "%s\n", line.c_str());
+    // One line whatever the text holds: a zone name or a path may carry any byte.
+    std::string escaped;
+    for (unsigned char c : line) {
+        char hex[5];
+        snprintf(hex, sizeof(hex), "\\x%02X", c);
+        if (c >= 0x20 && c < 0x7f) escaped += static_cast<char>(c);
+        else escaped += hex;
+    }
+    fprintf(file, "%s\n", escaped.c_str());
     fclose(file);
 }
 

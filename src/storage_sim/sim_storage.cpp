@@ -50,21 +50,24 @@ void fill_profile(const Stmt& row, TStoreIDProfile& profile) {
 namespace {
 
 // Appends every row of |sql| to |out| as |fill| makes it, in one call:
-// nothing is appended when reading fails.
+// nothing is appended when reading fails or a fault row names |op|.
 template <typename Record, typename Fill>
 int read_list(const char* op, std::initializer_list<Arg> args, const char* sql, Fill fill,
               std::list<Record>& out) {
     Call call;
+    int result = 0;
+    const bool failed = fault(op, "*", true, &result);
     std::list<Record> found;
-    {
+    if (!failed) {
         Stmt rows(sql);
         while (rows.step()) {
             found.emplace_back();
             fill(rows, found.back());
         }
     }
-    log_call(op, args, 0);
+    log_call(op, args, result);
     if (!call.finish()) return -1;
+    if (failed) return result;
     out.splice(out.end(), found);
     return 0;
 }

@@ -35,9 +35,10 @@ class Server:
         self.exec(open(os.environ["KELVO_SCHEMA"]).read())
         self.exec("INSERT INTO settings VALUES ('timezone', '%s')" % tz)  # the recorder's zone
 
-    def close(self):
+    def close(self, keep=False):  # |keep|: the folder stays, for a look at a failure
         self.db.close()
-        shutil.rmtree(self.root, ignore_errors=True)
+        if not keep:
+            shutil.rmtree(self.root, ignore_errors=True)
 
     def __enter__(self): return self
     def __exit__(self, *_): self.close()
