@@ -2,8 +2,9 @@
 # Scale benchmark: builds simulated servers at 1x, 4x and 16x the base number
 # of channels (the same periods per stream at every size), runs the commands
 # on each, and prints wall time, peak resident memory, growth factors and the
-# targets with whether they hold. A last server with the base channels and
-# 16x the periods per stream shows memory following the largest query.
+# targets with whether they hold. A server with the base channels and 16x
+# the periods per stream shows memory following the largest query; the 4x
+# server with and without the recorder's zone row shows that row's cost.
 #
 #   bench/run_bench.sh BUILD_DIR [WORK_DIR]
 #
@@ -141,10 +142,35 @@ echo "Data: $periods periods per channel, record type and stream (8 streams), $v
     "null share $null_share, $leaking leaking; fastest of $repeat runs (q16x: 1)"
 echo
 
+# The recorder's zone row: the 4x server without it (local times in the
+# caller's UTC) and with a zone other than the caller's, for the commands
+# that read local times; fastest of 5 runs each.
+bench_zone() {
+    local dir=$work/zone db=$work/zone/storage.db zone=Asia/Kolkata name
+    "$gen" --schema "$schema" --db "$db" --root "$dir" --channels $((base * 4)) \
+        --volumes "$volumes" --periods "$periods" --null-share "$null_share" \
+        --leaking "$leaking" --seed 7 >/dev/null
+    for name in "spaceinfo" "kelvo-report"; do
+        local args=("$kelvo" spaceinfo Space0)
+        [[ $name == kelvo-report ]] && args=("$report" --format=json --no-du)
+        sqlite3 "$db" "DELETE FROM settings WHERE key = 'timezone'"
+        results=$work/zone.txt repeat=5 run "$name" without "$db" "${args[@]}"
+        sqlite3 "$db" "INSERT INTO settings VALUES ('timezone', '$zone')"
+        results=$work/zone.txt repeat=5 run "$name" with "$db" "${args[@]}"
+    done
+    awk -F'|' -v zone=$zone '{ secs[$1 "|" $2] = $3; if ($2 == "with") names[++n] = $1 }
+        END { for (i = 1; i <= n; i++) { c = names[i]; a = secs[c "|without"]; b = secs[c "|with"]
+              r = 100 * (b - a) / a
+              printf "  %-13s zone row %s (caller UTC) %.3f s, none %.3f s: %+.1f%% (target <= 5%%): %s\n",
+                     c, zone, b, a, r, r <= 5 ? "holds" : "FAILS" } }' "$work/zone.txt" >"$work/zone-figures.txt"
+    [[ -n ${BENCH_KEEP:-} ]] || rm -rf "$dir"
+}
+
 bench_size 1x "$base" "$periods"
 bench_size 4x $((base * 4)) "$periods"
 bench_size 16x $((base * 16)) "$periods"
 bench_size q16x "$base" $((periods * 16))
+bench_zone
 echo
 
 awk -F'|' -v base="$base" -v periods="$periods" '
@@ -216,6 +242,7 @@ awk -F'|' -v base="$base" -v periods="$periods" '
             printf "  %-13s peak memory 16x / 1x = %.2f (periods x16, largest query x1, target <= 1.5): %s; q16x / 1x = %.2f (largest query x16)\n",
                    c, r, verdict(ok), q
         }
+        while ((getline line < zone_figures) > 0) { print line; all = all && line !~ /FAILS/ }
         print ""
         print (all ? "All targets hold." : "Some targets FAIL.")
-    }' "$results"
+    }' zone_figures="$work/zone-figures.txt" "$results"
