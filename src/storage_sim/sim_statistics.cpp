@@ -48,15 +48,15 @@ long long sum_sizes(Stmt& rows, const std::set<std::string>& ids) {
     return static_cast<long long>(sum);
 }
 
-using Day = std::tuple<int, int, int>;  // local year, month, day
+using LocalDay = std::tuple<int, int, int>;  // local year, month, day
 
 // Day texts in malloc'ed memory, the layout the caller frees with free().
-int hand_out_days(const std::set<Day>& days, TRecordDayList* out) {
+int hand_out_days(const std::set<LocalDay>& days, TRecordDayList* out) {
     if (days.empty()) return 0;
     char** array = static_cast<char**>(malloc(days.size() * sizeof(char*)));
     if (array == nullptr) return -1;
     int count = 0;
-    for (const Day& day : days) {
+    for (const LocalDay& day : days) {
         char text[48];
         int n = snprintf(text, sizeof(text), "%04d-%02d-%02d", std::get<0>(day), std::get<1>(day),
                          std::get<2>(day));
@@ -96,7 +96,7 @@ int ChannelConfiguration::get_recording_days(int record_type, int value,
         ids.insert(std::string(id.storage_id, sizeof(id.storage_id)));
     }
     Call call;
-    std::set<Day> found;
+    std::set<LocalDay> found;
     // Without the recorder's zone no date can be read: the call fails.
     const int result = local_time_known() ? 0 : -1;
     if (days != nullptr && result == 0) {
