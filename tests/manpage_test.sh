@@ -41,7 +41,7 @@ print(*set(walk(json.load(open(sys.argv[1])))))' "$src/doc/kelvo-report.schema.j
 for key in $keys; do
     grep -qw -- "$key" <<<"$flat" || fail "kelvo-report.8: no JSON key $key"
 done
-for name in $(grep -o 'kelvo_[a-z_]*' "$src/src/report/text_output.cpp"; sed -n 's/^ *- alert: //p' "$src/contrib/prometheus/kelvo.rules.yml"); do
+for name in $(grep -o 'kelvo_[a-z_]*' "$src/src/report/prometheus_output.cpp"; sed -n 's/^ *- alert: //p' "$src/contrib/prometheus/kelvo.rules.yml"); do
     grep -qw -- "$name" <<<"$flat" || fail "kelvo-report.8: does not name $name"
 done
 [ "$failures" -eq 0 ] && echo "manual pages ok"
