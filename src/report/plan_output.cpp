@@ -17,8 +17,9 @@ using json = nlohmann::ordered_json;
 // A time at the library boundary in the process's zone, with milliseconds
 // when it has any (a bound is one before a period's start).
 std::string local_text(int64_t ms) {
-    int64_t seconds = ms / 1000 - (ms % 1000 < 0 ? 1 : 0);
-    const int millis = static_cast<int>(ms - seconds * 1000);
+    // Without multiplying back: that overflows at the ends of 64 bits.
+    const int64_t seconds = ms / 1000 - (ms % 1000 < 0 ? 1 : 0);
+    const int millis = static_cast<int>((ms % 1000 + 1000) % 1000);
     time_t t = static_cast<time_t>(seconds);
     struct tm local = {};
     char text[64];
